@@ -1,0 +1,31 @@
+// Error and warning reports, stack and variable dumps, page statistics.
+//
+// Nothing is written to the output at the time: reports collect in buffers
+// that are sent after the page.
+#pragma once
+
+#include <string_view>
+
+#include "engine/tokenizer.h"
+#include "values/value.h"
+
+// Files an error for `tag` (as the handler received it) and stops the page.
+void report_error(const ParsedTag& tag, std::string_view message);
+// The warning for a closing tag that closes nothing.
+void report_unneeded_tag(const ParsedTag& tag);
+// A line for the error buffer, written when the current context's
+// diagnostics switch is on (any level) or, with `only_full`, only at level 1.
+void report_diagnostic(std::string_view text, bool only_full = false);
+// The fatal internal-error line, when diagnostics are on.
+void report_internal_error();
+void write_page_statistics();
+void write_stack_dump();
+void write_variable_dump();
+void send_reports();
+
+// Shared handler of the closing tags that have no block to close.
+ValuePtr unneeded_tag_handler(const ParsedTag& tag);
+ValuePtr cvdebug_handler(const ParsedTag& tag);
+
+// "%s requires the '%s' option to be used.  See the Corvane documentation for details."
+std::string option_required_message(std::string_view tag, std::string_view option);

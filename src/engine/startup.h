@@ -1,0 +1,29 @@
+// Program entry: mode decision, page location, start-up and the request.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Runs one request: the whole life of the process.  Always returns 0.
+int cvml_main(int argc, char** argv, char** envp);
+
+bool cgi_setup();
+void config_setup(std::string_view program_path);
+void defaults_setup();
+bool engine_init();
+void request_variables();
+
+// Path helpers: "a/b/c.cvm" has the directory part "a/b/" and the file part
+// "c.cvm".  resolve_path joins a relative path to an absolute base,
+// removing "." and ".." segments; false when ".." climbs above the root.
+std::string directory_part(std::string_view path);
+std::string file_part(std::string_view path);
+bool resolve_path(std::string_view base, std::string_view relative, std::string* result);
+
+// Request pairs ("a=1&b=2"), URL-decoded, newest first as they are stored.
+struct RequestPair {
+  std::string key, value;
+};
+std::vector<RequestPair> parse_pairs(std::string_view text);
+std::vector<RequestPair> parse_cookies(std::string_view text);

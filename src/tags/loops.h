@@ -1,0 +1,10 @@
+// CVFOR and CVWHILE with their closing tags.
+#pragma once
+
+#include "engine/tokenizer.h"
+#include "values/value.h"
+
+ValuePtr cvfor_handler(const ParsedTag& tag);
+ValuePtr cvfor_close_handler(const ParsedTag& tag);
+ValuePtr cvwhile_handler(const ParsedTag& tag);
+ValuePtr cvwhile_close_handler(const ParsedTag& tag);

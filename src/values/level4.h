@@ -1,0 +1,18 @@
+// Level 4 tags: references to variables, with element, hash, substring,
+// property and query-column selectors.
+#pragma once
+
+#include <string_view>
+
+#include "engine/tokenizer.h"
+#include "values/value.h"
+
+// Resolves a reference text ("name element=[2]") to the selected value,
+// creating what is missing.  The value stays owned by its variable.  Null
+// after writing a diagnostic line when diagnostics are on.
+Value* level4_resolve(std::string_view text);
+// The same for a tag already cut, when its printed form would be cut back
+// into the same tag.
+Value* level4_resolve_tag(const ParsedTag& tag);
+// Handler of every variable entry: a copy of the selected value.
+ValuePtr level4_handler(const ParsedTag& tag);

@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Runs one page case: NAME.cvm with optional NAME.env (one VAR=value per line,
+# @DIR@ standing for the case's directory) and NAME.in (standard input), and
+# compares standard output with NAME.out.  Timings in the statistics and the
+# case's directory are masked so the expected texts are stable.
+set -u
+cvml=$1
+page=$2
+dir=$(cd "$(dirname "$page")" && pwd)
+base=${page%.cvm}
+name=$(basename "$page")
+expected=$base.out
+
+envs=(PATH=/usr/bin:/bin)
+if [ -f "$base.env" ]; then
+  while IFS= read -r line || [ -n "$line" ]; do
+    [ -z "$line" ] && continue
+    envs+=("${line//@DIR@/$dir}")
+  done < "$base.env"
+fi
+input=/dev/null
+[ -f "$base.in" ] && input=$base.in
+
+actual=$(mktemp)
+trap 'rm -f "$actual"' EXIT
+if grep -q '^DOCUMENT_ROOT=' "$base.env" 2>/dev/null; then
+  (cd "$dir" && env -i "${envs[@]}" timeout 20 "$cvml" < "$input") > "$actual"
+else
+  (cd "$dir" && env -i "${envs[@]}" timeout 20 "$cvml" "$name" < "$input") > "$actual"
+fi
+status=$?
+if [ $status -ne 0 ]; then
+  echo "cvml exited with status $status (expected 0)"
+fi
+masked=$(mktemp)
+trap 'rm -f "$actual" "$masked"' EXIT
+sed -e "s#$dir#@DIR@#g" -e 's/ - [0-9][0-9]*ms$/ - Nms/' "$actual" > "$masked"
+if ! cmp -s "$masked" "$expected"; then
+  echo "output of $page differs from $expected:"
+  diff -u "$expected" "$masked" | cat -A | head -n 80
+  exit 1
+fi
+exit $status
