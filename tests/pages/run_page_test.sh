@@ -12,6 +12,11 @@ name=$(basename "$page")
 expected=$base.out
 
 envs=(PATH=/usr/bin:/bin)
+# The page runs in a cleared environment, but sanitizer settings from the
+# test command must still reach it.
+for var in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do
+  [ -n "${!var:-}" ] && envs+=("$var=${!var}")
+done
 if [ -f "$base.env" ]; then
   while IFS= read -r line || [ -n "$line" ]; do
     [ -z "$line" ] && continue

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds cvml and runs it: `scripts/run.sh page.cvm` runs one page from the
+# command line; `scripts/run.sh` serves the demo site in examples/ through
+# lighttpd on 127.0.0.1 until Ctrl-C.
+set -uo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+
+"$root/scripts/setup.sh" >&2 || { echo "set-up failed" >&2; exit 1; }
+if [ ! -f "$root/build/build.ninja" ]; then
+  cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2 || exit 1
+fi
+ninja -C "$root/build" -j "${JOBS:-2}" cvml >&2 || { echo "build failed" >&2; exit 1; }
+cvml=$root/build/cvml
+
+if [ $# -ge 1 ]; then
+  page=$1
+  [ -f "$page" ] || { echo "no such page: $page" >&2; exit 1; }
+  # The engine takes the current directory as the web root, so run the page
+  # from its own directory.
+  cd "$(dirname "$page")" && exec "$cvml" "$(basename "$page")"
+fi
+
+exec "$root/scripts/lighttpd.sh" serve "$root/examples" "$cvml"
