@@ -1,0 +1,163 @@
+// CVINCLUDE, CVEXIT and CVRESTART: running another page inside this one,
+// ending the run, and throwing away the output collected so far.
+#include "tags/composition.h"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include "engine/engine.h"
+#include "engine/output.h"
+#include "engine/report.h"
+#include "values/level4.h"
+
+namespace {
+
+// Included pages may nest this deep.  Each level holds a context and its
+// page in memory, so the bound keeps a page that includes itself (directly
+// or through others) from exhausting memory.
+constexpr size_t kMaxIncludeDepth = 64;
+
+const char kIncludeNeedsSource[] =
+    "CVINCLUDE requires the 'file' option or the 'var' option to be used.  See the Corvane "
+    "documentation for details.";
+const char kIncludeWebProtocol[] =
+    "CVINCLUDE does not recognize web protocols or absolute paths based at the root of the drive.";
+const char kIncludeOpenFailed[] = "Error opening the file for processing.  Make sure that the file exists.";
+const char kIncludeNoVariable[] =
+    "An error occurred in obtaining the CVINCLUDE variable.  See the diagnostic message above for "
+    "details.";
+const char kIncludeBadVariables[] =
+    "CVINCLUDE requires the 'variables' option to be either 'global' or 'local'.  See the Corvane "
+    "documentation for details.";
+const char kIncludeTooDeep[] =
+    "CVINCLUDE exceeded the maximum include depth of 64.  The most likely cause is a page that "
+    "includes itself.";
+const char kExitBadType[] =
+    "The CVEXIT 'type' option may only be 'normal' or 'error'.  See the Corvane documentation for "
+    "details.";
+
+bool equals_nocase(std::string_view a, std::string_view b) { return compare_bytes_nocase(a, b) == 0; }
+
+// Page contexts below the current one, not counting the ones that only
+// process option text.
+size_t include_depth() {
+  size_t depth = 0;
+  for (const auto& ctx : engine.contexts) {
+    if (!ctx->text_only) ++depth;
+  }
+  return depth;
+}
+
+void install_chain(PageContext* ctx, Chain chain) {
+  auto owned = std::make_shared<const Chain>(std::move(chain));
+  ctx->first_node = owned->head();
+  ctx->current_node = ctx->first_node;
+  ctx->chain = std::move(owned);
+}
+
+// Fills the new context from the file named by "file"; false after
+// reporting the failure (the new context is popped first).
+bool load_file(const ParsedTag& tag, const PageContext& outer, PageContext* inner, const std::string& file) {
+  std::string directory;
+  if (!resolve_page_directory(outer.directory, file, &directory)) {
+    context_pop();
+    report_error(tag, kIncludeWebProtocol);
+    return false;
+  }
+  std::string file_name(last_path_part(file));
+  if (file_name.empty()) file_name = "index.cvm";
+  inner->directory = directory;
+  inner->file_name = file_name;
+  inner->full_path = engine.settings.doc_root + directory + file_name;
+
+  Chain chain;
+  std::error_code ec;
+  bool readable = !std::filesystem::is_directory(inner->full_path, ec) &&
+                  tokenize_file(names_for_read(), inner->full_path, &chain);
+  if (!readable) {
+    report_diagnostic("Error opening " + inner->full_path + " for processing.\n");
+    context_pop();
+    report_error(tag, kIncludeOpenFailed);
+    return false;
+  }
+  install_chain(inner, std::move(chain));
+  return true;
+}
+
+// Fills the new context from a variable's text; the page names stay those
+// of the including page.
+bool load_variable(const ParsedTag& tag, const PageContext& outer, PageContext* inner, const std::string& name) {
+  Value* value = level4_resolve(name);
+  if (!value) {
+    context_pop();
+    report_error(tag, kIncludeNoVariable);
+    return false;
+  }
+  std::string text = value_text(*value);
+  inner->directory = outer.directory;
+  inner->file_name = outer.file_name;
+  inner->full_path = outer.full_path;
+  install_chain(inner, tokenize_text(names_for_read(), text, 1));
+  return true;
+}
+
+}  // namespace
+
+// <CVINCLUDE file="..." | var="..." variables="global|local">
+// The included page runs in a context of its own on top of this one; the
+// main loop processes it to its end before continuing after this tag.
+ValuePtr cvinclude_handler(const ParsedTag& tag) {
+  const std::string* file = tag_option(tag, "file");
+  const std::string* var = tag_option(tag, "var");
+  if ((file == nullptr) == (var == nullptr)) {
+    report_error(tag, kIncludeNeedsSource);
+    return value_new();
+  }
+  if (include_depth() > kMaxIncludeDepth) {
+    report_error(tag, kIncludeTooDeep);
+    return value_new();
+  }
+  PageContext* outer = current_context();
+  context_push();
+  PageContext* inner = current_context();
+  bool loaded = file ? load_file(tag, *outer, inner, *file) : load_variable(tag, *outer, inner, *var);
+  if (!loaded) return value_new();
+
+  if (const std::string* scope = tag_option(tag, "variables")) {
+    if (equals_nocase(*scope, "local")) {
+      inner->local_scope = true;
+    } else if (!equals_nocase(*scope, "global")) {
+      // The new context stays; the stopped main loop pops it.
+      report_error(tag, kIncludeBadVariables);
+      return value_new();
+    }
+  }
+  if (outer->current_node) outer->current_node = outer->current_node->next;
+  inner->stay = true;
+  return value_new();
+}
+
+// <CVEXIT type="normal|error" error="...">
+ValuePtr cvexit_handler(const ParsedTag& tag) {
+  const std::string* type = tag_option(tag, "type");
+  if (!type || equals_nocase(*type, "normal")) {
+    engine.stop = true;
+  } else if (equals_nocase(*type, "error")) {
+    const std::string* text = tag_option(tag, "error");
+    if (text && current_context()->output_mode != OUTPUT_OFF) body_append(*text);
+    engine.stop = true;
+  } else {
+    report_error(tag, kExitBadType);
+  }
+  return value_new();
+}
+
+// <CVRESTART keepheader keepbody>: only the options' presence counts.  The
+// main loop empties the buffers once this tag has been processed.
+ValuePtr cvrestart_handler(const ParsedTag& tag) {
+  if (!tag_option(tag, "keepheader")) engine.header_discard = true;
+  if (!tag_option(tag, "keepbody")) engine.body_discard = true;
+  return value_new();
+}
