@@ -36,6 +36,9 @@ struct ParsedTag {
   // (block handlers fill it; the chain never changes after tokenizing).
   mutable const ParsedTag* block_end = nullptr;
   mutable bool block_end_known = false;
+  // -1 not yet known, 1 when no option name or value holds a tag: such a
+  // tag is its own processed form.
+  mutable int8_t options_plain = -1;
 };
 
 // A chain owns its nodes; `next` links them in page order.

@@ -1,0 +1,322 @@
+// The processing loop: contexts, the tag stack, node processing, dispatch.
+#include "engine/engine.h"
+
+#include <cctype>
+#include <chrono>
+
+#include "engine/output.h"
+#include "engine/report.h"
+
+Engine engine;
+
+void engine_reset() { engine = Engine{}; }
+
+uint64_t now_ms() {
+  using namespace std::chrono;
+  static const steady_clock::time_point start = steady_clock::now();
+  return static_cast<uint64_t>(duration_cast<milliseconds>(steady_clock::now() - start).count());
+}
+
+PageContext* current_context() {
+  return engine.contexts.empty() ? nullptr : engine.contexts.back().get();
+}
+
+VarTable& names_for_read() { return *engine.names; }
+
+VarTable& names_for_write() {
+  // A context push shares the table with the saved one instead of copying
+  // it; the copy is made here, on the first write after the push.
+  if (engine.names.use_count() > 1) engine.names = vartable_copy(*engine.names);
+  return *engine.names;
+}
+
+// ---------------------------------------------------------------------------
+// Contexts and the tag stack
+
+namespace {
+
+std::unique_ptr<PageContext> new_context(const PageContext* parent) {
+  auto ctx = std::make_unique<PageContext>();
+  ctx->start_ms = now_ms();
+  if (parent) {
+    ctx->output_mode = parent->output_mode;
+    ctx->debug = parent->debug;
+  } else {
+    ctx->output_mode = engine.settings.default_output_mode;
+    ctx->debug = engine.settings.default_debug;
+  }
+  return ctx;
+}
+
+}  // namespace
+
+void context_push() {
+  PageContext* parent = current_context();
+  // The parent keeps the table as it was; the new context works on a
+  // copy, made lazily by names_for_write().
+  if (parent) parent->saved_table = engine.names;
+  engine.contexts.push_back(new_context(parent));
+}
+
+void context_pop() {
+  if (engine.contexts.empty()) return;
+  std::unique_ptr<PageContext> ctx = std::move(engine.contexts.back());
+  engine.contexts.pop_back();
+  PageContext* parent = current_context();
+  if (ctx->text_only || !parent) return;
+  if (ctx->local_scope) engine.names = parent->saved_table;  // changes are dropped
+  parent->saved_table.reset();
+}
+
+void tag_stack_push() {
+  PageContext* ctx = current_context();
+  if (ctx) ctx->tag_stack.push_back(ctx->current_node);
+}
+
+bool tag_stack_return() {
+  PageContext* ctx = current_context();
+  if (!ctx || ctx->tag_stack.empty()) return false;
+  ctx->current_node = ctx->tag_stack.back();
+  ctx->tag_stack.pop_back();
+  ctx->stay = true;
+  return true;
+}
+
+bool tag_is(const ParsedTag* node, std::string_view name) {
+  if (!node || !node->is_tag || node->name.size() != name.size()) return false;
+  for (size_t i = 0; i < name.size(); ++i) {
+    if (std::toupper(static_cast<unsigned char>(node->name[i])) !=
+        std::toupper(static_cast<unsigned char>(name[i])))
+      return false;
+  }
+  return true;
+}
+
+const ParsedTag* find_block_end(const ParsedTag* from, std::string_view open, std::string_view close) {
+  unsigned depth = 0;
+  for (const ParsedTag* n = from; n; n = n->next) {
+    if (!n->is_tag) continue;
+    if (tag_is(n, close)) {
+      if (depth == 0) return n;
+      --depth;
+    } else if (tag_is(n, open)) {
+      ++depth;
+    }
+  }
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Processing
+
+namespace {
+
+bool option_text_plain(const std::string& text) {
+  return !has_tag_start(names_for_read(), text);
+}
+
+bool options_are_plain(const ParsedTag& tag) {
+  if (tag.options_plain < 0) {
+    bool plain = true;
+    for (const TagOption& opt : tag.options) {
+      if (!option_text_plain(opt.name) || !option_text_plain(opt.value)) {
+        plain = false;
+        break;
+      }
+    }
+    tag.options_plain = plain ? 1 : 0;
+  }
+  return tag.options_plain == 1;
+}
+
+void advance(PageContext* ctx) {
+  if (ctx->stay)
+    ctx->stay = false;
+  else if (ctx->current_node)
+    ctx->current_node = ctx->current_node->next;
+}
+
+// Runs a chain of option or sub-page text in a context of its own that
+// shares the name table, collecting every output whatever the output mode.
+std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
+  PageContext* parent = current_context();
+  auto ctx = new_context(parent);
+  ctx->text_only = true;
+  ctx->chain = chain;
+  ctx->first_node = ctx->current_node = chain->head();
+  if (parent) {
+    ctx->directory = parent->directory;
+    ctx->file_name = parent->file_name;
+    ctx->full_path = parent->full_path;
+  }
+  PageContext* own = ctx.get();
+  size_t depth = engine.contexts.size();
+  engine.contexts.push_back(std::move(ctx));
+
+  // Tags that write to the body themselves (CVBINARY ...) write into this
+  // text's output while it is processed.
+  DynStringPtr saved_body = std::move(engine.body);
+  engine.body = dyn_new();
+
+  std::string out;
+  while (!engine.stop && !engine.abandon) {
+    PageContext* cur = current_context();
+    if (!cur->current_node) {
+      if (cur == own) break;
+      // A page included from inside this text has ended.
+      if (cur->debug == DEBUG_ON) write_page_statistics();
+      context_pop();
+      continue;
+    }
+    if (!process_node(*cur->current_node, out)) {
+      report_internal_error();
+      engine.stop = true;
+      break;
+    }
+    if (!out.empty()) dyn_puts(engine.body.get(), out);
+    advance(current_context());
+  }
+  while (engine.contexts.size() > depth + 1) {
+    if (current_context()->debug == DEBUG_ON) write_page_statistics();
+    context_pop();
+  }
+  context_pop();
+
+  std::string result;
+  if (!engine.abandon) result = dyn_take(std::move(engine.body));
+  engine.body = std::move(saved_body);
+  return result;
+}
+
+}  // namespace
+
+std::string process_text(std::string_view text) {
+  if (text.empty()) return {};
+  if (!has_tag_start(names_for_read(), text)) return std::string(text);
+  PageContext* ctx = current_context();
+  uint32_t line = ctx && ctx->current_node ? ctx->current_node->line : 1;
+  auto chain = std::make_shared<Chain>(tokenize_text(names_for_read(), text, line));
+  return run_text_chain(chain);
+}
+
+std::string process_option_text(const std::string& text, std::shared_ptr<const Chain>& cache) {
+  if (text.empty()) return {};
+  if (!cache) {
+    if (option_text_plain(text)) return text;
+    PageContext* ctx = current_context();
+    uint32_t line = ctx && ctx->current_node ? ctx->current_node->line : 1;
+    cache = std::make_shared<Chain>(tokenize_text(names_for_read(), text, line));
+  }
+  return run_text_chain(cache);
+}
+
+bool process_node(const ParsedTag& node, std::string& out) {
+  out.clear();
+  if (!node.is_tag) {
+    out = node.text;
+    return true;
+  }
+  ++engine.tags_processed;
+  if (options_are_plain(node)) {
+    out = dispatch_tag(node);
+    return true;
+  }
+  ParsedTag processed;
+  processed.line = node.line;
+  processed.is_tag = true;
+  processed.name = node.name;
+  processed.options.reserve(node.options.size());
+  for (const TagOption& opt : node.options) {
+    if (engine.stop || engine.abandon) break;
+    TagOption done;
+    done.name = process_option_text(opt.name, opt.name_chain);
+    if (engine.abandon) break;
+    done.value = process_option_text(opt.value, opt.value_chain);
+    processed.options.push_back(std::move(done));
+  }
+  if (!engine.abandon) out = dispatch_tag(processed);
+  return true;
+}
+
+bool process_current_node(std::string& out) {
+  PageContext* ctx = current_context();
+  out.clear();
+  if (!ctx || !ctx->current_node) return true;
+  bool ok = process_node(*ctx->current_node, out);
+  advance(current_context());
+  return ok;
+}
+
+std::string dispatch_tag(const ParsedTag& tag) {
+  const TagHandler* entry = vartable_find(names_for_read(), tag.name);
+  if (!entry) {
+    std::string printed;
+    print_node(nullptr, tag, printed);
+    return printed;
+  }
+  TagHandlerFn handler = entry->handler;
+  ValuePtr result = handler ? handler(tag) : nullptr;
+  if (!result) return {};
+  if (result->type == VT_STRING && result->start == 0 && result->end == result->bytes.size())
+    return std::move(result->bytes);
+  return value_text(*result);
+}
+
+ValuePtr call_variable_tag(const ParsedTag& tag) {
+  const TagHandler* entry = vartable_find(names_for_read(), tag.name);
+  if (!entry || entry->kind != KIND_VARIABLE || !entry->handler) return nullptr;
+  return entry->handler(tag);
+}
+
+// ---------------------------------------------------------------------------
+// The main loop
+
+namespace {
+
+bool replace_buffer(DynStringPtr& buffer) {
+  buffer = dyn_new();
+  if (buffer) return true;
+  report_internal_error();
+  engine.stop = true;
+  return false;
+}
+
+void after_node() {
+  if (engine.abandon || engine.body_discard || engine.header_discard) {
+    if (engine.abandon || engine.header_discard) replace_buffer(engine.header);
+    if (engine.abandon || engine.body_discard) replace_buffer(engine.body);
+    engine.abandon = engine.body_discard = engine.header_discard = false;
+  }
+  if (engine.flush_requested) {
+    send_headers();
+    send_body();
+    replace_buffer(engine.header);
+    replace_buffer(engine.body);
+    engine.flush_requested = false;
+  }
+}
+
+}  // namespace
+
+void run_pages() {
+  std::string out;
+  while (PageContext* ctx = current_context()) {
+    while (!engine.stop) {
+      ctx = current_context();
+      if (!ctx->current_node) break;
+      if (!process_node(*ctx->current_node, out)) {
+        report_internal_error();
+        engine.stop = true;
+        break;
+      }
+      ctx = current_context();
+      if (!engine.abandon && !engine.body_discard && ctx->output_mode == OUTPUT_NORMAL && !out.empty())
+        dyn_puts(engine.body.get(), out);
+      after_node();
+      advance(ctx);
+    }
+    ctx = current_context();
+    if (ctx->debug == DEBUG_ON) write_page_statistics();
+    context_pop();
+  }
+}

@@ -1,0 +1,228 @@
+// Error and warning reports, stack and variable dumps, page statistics.
+#include "engine/report.h"
+
+#include <cctype>
+
+#include "engine/engine.h"
+#include "engine/output.h"
+
+namespace {
+
+void put(DynStringPtr& buffer, std::string_view text) {
+  if (!buffer) buffer = dyn_new();
+  dyn_puts(buffer.get(), text);
+}
+
+std::string line_of(const PageContext* ctx) {
+  return std::to_string(ctx && ctx->current_node ? ctx->current_node->line : 0);
+}
+
+std::string printed(const ParsedTag& node) {
+  std::string out;
+  print_node(engine.names.get(), node, out);
+  return out;
+}
+
+}  // namespace
+
+std::string option_required_message(std::string_view tag, std::string_view option) {
+  std::string m(tag);
+  m += " requires the '";
+  m += option;
+  m += "' option to be used.  See the Corvane documentation for details.";
+  return m;
+}
+
+void report_diagnostic(std::string_view text, bool only_full) {
+  const PageContext* ctx = current_context();
+  uint8_t debug = ctx ? ctx->debug : engine.settings.default_debug;
+  if (debug == DEBUG_OFF || (only_full && debug != DEBUG_ON)) return;
+  put(engine.errors, text);
+}
+
+void report_internal_error() {
+  report_diagnostic("Fatal Error:  An internal error has occurred in Corvane.\n");
+}
+
+void report_error(const ParsedTag& tag, std::string_view message) {
+  PageContext* ctx = current_context();
+  if (ctx && ctx->debug != DEBUG_OFF) {
+    write_page_statistics();
+    std::string r = "\n\nError in \"" + ctx->full_path + "\" on or near line #" + line_of(ctx) + ":\n";
+    if (tag.is_tag) {
+      r += "Error:  Error in <" + tag.name + ">.  ";
+      r += message;
+      r += "\nHere is the processed tag that caused the error:\n";
+      r += printed(tag);
+      if (ctx->current_node && ctx->current_node->is_tag) {
+        r += "\n\nHere is the original tag that caused the error:\n";
+        r += printed(*ctx->current_node);
+      }
+    } else {
+      r += message;
+      r += "  Here is the processed text that caused the error:\n";
+      r += tag.text;
+    }
+    r += "\n\nBelow is the processed page that Corvane saw (note that it may only be a portion of the "
+         "original page and may look distorted due to improperly written code):\n\n";
+    r += print_chain(engine.names.get(), ctx->first_node);
+    r += "\n\n";
+    put(engine.errors, r);
+  }
+  engine.stop = true;
+}
+
+void report_unneeded_tag(const ParsedTag& tag) {
+  const PageContext* ctx = current_context();
+  if (!ctx || ctx->debug != DEBUG_ON) return;
+  std::string r = "Warning in \"" + ctx->file_name + "\" on or near line #" + line_of(ctx) + ":\n";
+  r += "Warning:  <" + tag.name +
+       "> is not a necessary tag.  Corvane recognizes this tag only to provide this warning.  "
+       "Remove this tag from the source to stop these warnings.\n\n\n";
+  put(engine.errors, r);
+}
+
+ValuePtr unneeded_tag_handler(const ParsedTag& tag) {
+  report_unneeded_tag(tag);
+  return value_new();
+}
+
+void write_page_statistics() {
+  const PageContext* ctx = current_context();
+  if (!ctx || ctx->debug != DEBUG_ON) return;
+  if (!engine.stats || engine.stats->data.empty()) put(engine.stats, "Page Statistics:\n\n");
+  put(engine.stats, ctx->full_path + " - " + std::to_string(now_ms() - ctx->start_ms) + "ms\n");
+  write_stack_dump();
+  write_variable_dump();
+}
+
+void write_stack_dump() {
+  const PageContext* ctx = current_context();
+  if (!ctx || ctx->tag_stack.empty()) return;
+  std::string r = "\n\nStack dump of " + ctx->full_path + ":\n\n";
+  for (const ParsedTag* node : ctx->tag_stack) {
+    if (node && node->is_tag)
+      r += "Tag (Line #" + std::to_string(node->line) + "): " + node->name + "\n";
+    else
+      r += "Text from line #" + std::to_string(node ? node->line : 0) + " found on stack.\n";
+  }
+  put(engine.stats, r);
+}
+
+void write_variable_dump() {
+  const PageContext* ctx = current_context();
+  if (!ctx || !engine.names) return;
+  std::string r = "\n\nLevel 4 tag dump of " + ctx->full_path + ":\n\n";
+  for (const TableEntry& e : engine.names->entries) {
+    if (e.entry.kind == KIND_VARIABLE) r += "  " + e.name + "\n";
+  }
+  put(engine.stats, r);
+}
+
+// ---------------------------------------------------------------------------
+// Sending
+
+namespace {
+
+// Escaping of the SQL statistics: markup characters as entities, CR LF as
+// LF, a CR before anything else dropped.
+std::string escape_sql_stats(std::string_view in) {
+  std::string out;
+  out.reserve(in.size() + in.size() / 8);
+  for (size_t i = 0; i < in.size(); ++i) {
+    char c = in[i];
+    if (c == '\r') {
+      if (i + 1 < in.size() && in[i + 1] == '\n') {
+        out += '\n';
+        ++i;
+      } else if (i + 1 < in.size()) {
+        out += in[++i];
+      }
+      continue;
+    }
+    if (c == '<') out += "&lt;";
+    else if (c == '>') out += "&gt;";
+    else if (c == '"') out += "&quot;";
+    else out += c;
+  }
+  return out;
+}
+
+// Escaping of the error buffer for HTML: entities, and every line break as
+// "<br>\n".  A CR before anything else is kept, and so is a final CR.
+std::string escape_errors(std::string_view in) {
+  std::string out;
+  out.reserve(in.size() + in.size() / 4);
+  for (size_t i = 0; i < in.size(); ++i) {
+    char c = in[i];
+    if (c == '\r') {
+      if (i + 1 < in.size() && in[i + 1] == '\n') {
+        out += "<br>\n";
+        ++i;
+      } else if (i + 1 < in.size()) {
+        out += '\r';
+        out += in[++i];
+      } else {
+        out += '\r';
+      }
+      continue;
+    }
+    if (c == '<') out += "&lt;";
+    else if (c == '>') out += "&gt;";
+    else if (c == '"') out += "&quot;";
+    else if (c == '\n') out += "<br>\n";
+    else out += c;
+  }
+  return out;
+}
+
+bool has_text(const DynStringPtr& buffer) { return buffer && !buffer->data.empty(); }
+
+}  // namespace
+
+void send_reports() {
+  bool cgi = engine.settings.cgi_mode;
+  if (has_text(engine.sql_stats)) {
+    std::string r;
+    if (cgi) r += "<hr>\n<pre>\n";
+    r += escape_sql_stats(engine.sql_stats->data);
+    if (cgi) r += "</pre>\n";
+    write_stdout(r);
+  }
+  if (has_text(engine.stats)) {
+    if (cgi)
+      write_stdout("<hr>\n<pre>\n" + engine.stats->data + "</pre>\n");
+    else
+      write_stdout(engine.stats->data);
+  }
+  if (has_text(engine.errors)) {
+    if (cgi)
+      write_stdout("<hr>\n" + escape_errors(engine.errors->data));
+    else
+      write_stdout(engine.errors->data);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// CVDEBUG type="on|error|off"
+
+ValuePtr cvdebug_handler(const ParsedTag& tag) {
+  const std::string* type = tag_option(tag, "type");
+  if (!type) {
+    report_error(tag, option_required_message("CVDEBUG", "type"));
+    return value_new();
+  }
+  std::string word;
+  for (char c : *type) {
+    if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
+    word += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  PageContext* ctx = current_context();
+  if (word == "on") ctx->debug = DEBUG_ON;
+  else if (word == "error") ctx->debug = DEBUG_ERRORS;
+  else if (word == "off") ctx->debug = DEBUG_OFF;
+  else
+    report_error(tag, "The CVDEBUG 'type' option may only be 'on', 'error', or 'off'.  "
+                      "See the Corvane documentation for details.");
+  return value_new();
+}

@@ -1,0 +1,54 @@
+// The built-in rows of the name table.
+#include "engine/engine.h"
+#include "engine/output.h"
+#include "engine/report.h"
+
+namespace {
+
+struct BuiltinRow {
+  const char* name;
+  uint8_t tag_class;
+  TagHandlerFn handler;
+};
+
+// One row per built-in tag whose handler exists.  The closing tags with no
+// block to close share the warning handler.
+const BuiltinRow kBuiltinRows[] = {
+    {"/CVBINARY", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVDEBUG", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVELSE", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVELSEIF", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVEXIT", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVFILE", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVFLUSH", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVHEADER", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVINCLUDE", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVLOCATION", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVMLMODE", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVRESTART", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVUNVAR", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVVAR", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVWEB", CLASS_STATEMENT, unneeded_tag_handler},
+    {"CVDEBUG", CLASS_STATEMENT, cvdebug_handler},
+    {"CVFLUSH", CLASS_STATEMENT, cvflush_handler},
+    {"CVHEADER", CLASS_STATEMENT, cvheader_handler},
+    {"CVLOCATION", CLASS_STATEMENT, cvlocation_handler},
+    {"CVMLMODE", CLASS_STATEMENT, cvmlmode_handler},
+};
+
+}  // namespace
+
+bool tag_table_init() {
+  engine.names = vartable_new(default_tag_start_class());
+  if (!engine.names) return false;
+  VarTable& table = *engine.names;
+  table.entries.reserve(std::size(kBuiltinRows) + 16);
+  for (const BuiltinRow& row : kBuiltinRows) {
+    TagHandler entry;
+    entry.kind = KIND_BUILTIN;
+    entry.tag_class = row.tag_class;
+    entry.handler = row.handler;
+    vartable_set(table, row.name, std::move(entry));
+  }
+  return true;
+}
