@@ -2,6 +2,9 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
+#include "tags/composition.h"
+#include "tags/conditionals.h"
+#include "tags/loops.h"
 
 namespace {
 
@@ -21,7 +24,9 @@ const BuiltinRow kBuiltinRows[] = {
     {"/CVEXIT", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVFILE", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVFLUSH", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVFOR", CLASS_STATEMENT, cvfor_close_handler},
     {"/CVHEADER", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVIF", CLASS_STATEMENT, cvif_close_handler},
     {"/CVINCLUDE", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVLOCATION", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVMLMODE", CLASS_STATEMENT, unneeded_tag_handler},
@@ -29,11 +34,20 @@ const BuiltinRow kBuiltinRows[] = {
     {"/CVUNVAR", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVVAR", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVWEB", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVWHILE", CLASS_STATEMENT, cvwhile_close_handler},
     {"CVDEBUG", CLASS_STATEMENT, cvdebug_handler},
+    {"CVELSE", CLASS_STATEMENT, cvelse_handler},
+    {"CVELSEIF", CLASS_STATEMENT, cvelseif_handler},
+    {"CVEXIT", CLASS_STATEMENT, cvexit_handler},
     {"CVFLUSH", CLASS_STATEMENT, cvflush_handler},
+    {"CVFOR", CLASS_STATEMENT, cvfor_handler},
     {"CVHEADER", CLASS_STATEMENT, cvheader_handler},
+    {"CVIF", CLASS_STATEMENT, cvif_handler},
+    {"CVINCLUDE", CLASS_STATEMENT, cvinclude_handler},
     {"CVLOCATION", CLASS_STATEMENT, cvlocation_handler},
     {"CVMLMODE", CLASS_STATEMENT, cvmlmode_handler},
+    {"CVRESTART", CLASS_STATEMENT, cvrestart_handler},
+    {"CVWHILE", CLASS_STATEMENT, cvwhile_handler},
 };
 
 }  // namespace
