@@ -68,7 +68,17 @@ bool return_to_opening(std::string_view open_name) {
 // The /CVFOR closing the loop opened at `from`, found once per node.
 const ParsedTag* cvfor_end(const ParsedTag* from) {
   if (!from->block_end_known) {
-    from->block_end = find_block_end(from, "CVFOR", "/CVFOR");
+    const ParsedTag* found = nullptr;
+    unsigned depth = 0;
+    for (const ParsedTag* n = from->next; n && !found; n = n->next) {
+      if (tag_is(n, "CVFOR")) {
+        ++depth;
+      } else if (tag_is(n, "/CVFOR")) {
+        if (depth == 0) found = n;
+        else --depth;
+      }
+    }
+    from->block_end = found;
     from->block_end_known = true;
   }
   return from->block_end;
