@@ -1,0 +1,151 @@
+// Expression entry point: classifies option text, runs the evaluator or
+// resolves a bare word, and reports the evaluation status.
+//
+// When one evaluation meets several faults the status set last is the one
+// reported; a group's faults count like those of the text around it.
+#include "values/expression.h"
+
+#include <cmath>
+#include <string>
+
+#include "engine/engine.h"
+#include "engine/report.h"
+#include "engine/tokenizer.h"
+
+namespace {
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Bytes that may appear in arithmetic text besides digits and white space.
+bool is_operator_byte(char c) {
+  switch (c) {
+    case '!': case '%': case '&': case '(': case ')': case '*': case '+': case '-':
+    case '.': case '/': case ':': case '<': case '=': case '>': case '?': case '^':
+    case '|': case '~':
+      return true;
+    default:
+      return false;
+  }
+}
+
+// The line filed for a status, with the text as the page wrote it.
+void report_status(std::string_view text) {
+  std::string line;
+  switch (eval_status) {
+    case EVAL_DIVISION_BY_ZERO:
+      line.append("Error:  Division by zero in equation ").append(text).append(".\n");
+      report_diagnostic(line, false);
+      break;
+    case EVAL_ILLEGAL_OPERATOR:
+      line.append("Warning:  Illegal operator usage in equation ")
+          .append(text)
+          .append(".\nUsually caused when an operator is not preceded or followed by a number.\n");
+      report_diagnostic(line, true);
+      break;
+    case EVAL_UNMATCHED_PAREN:
+      line.append("Warning:  Opening parenthesis does not have a matching closing parenthesis in equation ")
+          .append(text)
+          .append(".\n");
+      report_diagnostic(line, true);
+      break;
+    case EVAL_MISSING_COLON:
+      line.append("Warning:  If-Then-Else using ?: logic is missing a ':' in equation ")
+          .append(text)
+          .append(".\n");
+      report_diagnostic(line, true);
+      break;
+    default:
+      break;
+  }
+}
+
+// A bare word is read as a variable tag.  Only an existing variable counts:
+// a word that names none stays text, and nothing is created here.
+ValuePtr evaluate_word(std::string_view text) {
+  size_t first = 0;
+  while (first < text.size() && is_space(text[first])) first++;
+  std::string tag_text;
+  tag_text.reserve(text.size() - first + 2);
+  tag_text.append("<").append(text.substr(first)).append(">");
+  Chain chain = tokenize_text(names_for_read(), tag_text, 1);
+  if (chain.nodes.size() == 1 && chain.nodes[0]->is_tag) {
+    ValuePtr v = call_variable_tag(*chain.nodes[0]);
+    if (v) {
+      if (v->type == VT_NUMBER && decimal_mode) return value_from_decimal(decimal_from_double(v->number));
+      if (v->type == VT_DECIMAL && !decimal_mode) return value_from_number(decimal_to_double(v->decimal));
+      return v;
+    }
+  }
+  return value_from_string(std::string(text));
+}
+
+}  // namespace
+
+bool expr_is_arithmetic(std::string_view text) {
+  bool in_fraction = false;  // a "." has been seen in the current number
+  for (char c : text) {
+    if (c == '.') {
+      if (in_fraction) return false;
+      in_fraction = true;
+    } else if (is_digit(c) || is_space(c) || c == '(' || c == ')' || c == '!' || c == '~') {
+      // These do not end a number for the purpose of the decimal point.
+    } else if (is_operator_byte(c)) {
+      in_fraction = false;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+ValuePtr expr_evaluate(std::string_view text) {
+  if (!expr_is_arithmetic(text)) return evaluate_word(text);
+  bool blank = true;
+  for (char c : text)
+    if (!is_space(c)) blank = false;
+  if (blank) return value_from_string(std::string(text));
+  ValuePtr v = decimal_mode ? value_from_decimal(expr_eval_decimal(text))
+                            : value_from_number(expr_eval_double(text));
+  report_status(text);
+  return v;
+}
+
+bool expr_value_as_integer(const Value& v, int64_t* out) {
+  switch (v.type) {
+    case VT_DECIMAL:
+      *out = decimal_to_int(v.decimal);
+      return true;
+    case VT_NUMBER: {
+      double d = std::trunc(v.number);
+      // Saturate rather than convert out of range, which is undefined.
+      if (std::isnan(d))
+        *out = 0;
+      else if (d >= 9223372036854775807.0)
+        *out = INT64_MAX;
+      else if (d <= -9223372036854775808.0)
+        *out = INT64_MIN;
+      else
+        *out = int64_t(d);
+      return true;
+    }
+    case VT_INTEGER:
+      *out = v.integer;
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool expr_value_truth(const Value& v, bool* numeric) {
+  bool is_number = true, truth = false;
+  switch (v.type) {
+    case VT_DECIMAL: truth = !decimal_is_zero(v.decimal); break;
+    // Exactly 0.000001 and -0.000001 are true.
+    case VT_NUMBER: truth = !(v.number > -0.000001 && v.number < 0.000001); break;
+    case VT_INTEGER: truth = v.integer != 0; break;
+    default: is_number = false; break;
+  }
+  if (numeric) *numeric = is_number;
+  return truth;
+}

@@ -1,0 +1,469 @@
+// The two arithmetic evaluators: text rewriting by parentheses, ?: and passes.
+//
+// Every step rewrites text into text: a parenthesised group or an operation
+// is replaced by its printed result, and the next step reads that print
+// back.  The round trip is part of the arithmetic (0.1+0.2 prints as
+// 0.300000000000000 and is read back as 0.3), so the passes work on text
+// rather than on parsed numbers.  Each step is one left-to-right scan;
+// nothing recurses with the depth of the input.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "values/expression.h"
+
+uint8_t eval_status = 0;
+
+namespace {
+
+enum Op : uint8_t {
+  OP_NOT, OP_BITNOT,
+  OP_MUL, OP_DIV, OP_MOD,
+  OP_ADD, OP_SUB,
+  OP_SHL, OP_SHR,
+  OP_LT, OP_GT, OP_LE, OP_GE,
+  OP_EQ, OP_NE,
+  OP_BITAND, OP_BITXOR, OP_BITOR,
+  OP_AND, OP_XOR, OP_OR,
+  OP_OTHER,  // ':' left over, or a byte no pass knows
+};
+
+constexpr uint32_t bit(Op op) { return 1u << op; }
+
+// The binary levels from the tightest to the loosest; unary "!" and "~"
+// run before them all.
+constexpr uint32_t kLevels[] = {
+    bit(OP_MUL) | bit(OP_DIV) | bit(OP_MOD),
+    bit(OP_ADD) | bit(OP_SUB),
+    bit(OP_SHL) | bit(OP_SHR),
+    bit(OP_LT) | bit(OP_GT) | bit(OP_LE) | bit(OP_GE),
+    bit(OP_EQ) | bit(OP_NE),
+    bit(OP_BITAND), bit(OP_BITXOR), bit(OP_BITOR),
+    bit(OP_AND), bit(OP_XOR), bit(OP_OR),
+};
+constexpr uint32_t kIntegerOps = bit(OP_SHL) | bit(OP_SHR) | bit(OP_BITAND) | bit(OP_BITXOR) |
+                                 bit(OP_BITOR) | bit(OP_AND) | bit(OP_XOR) | bit(OP_OR);
+
+// Buffers kept between evaluations so that a loop condition evaluated on
+// every pass allocates nothing once they have grown.  Evaluation never
+// re-enters itself, so one set serves both evaluators.
+struct Scratch {
+  std::string stripped;
+  std::string pass_a, pass_b;
+  std::string number;             // a zero-terminated copy for strtod
+  std::vector<std::string> groups;  // one text per open parenthesis
+  std::vector<uint32_t> colon_of;   // per "?": its matching ":" or npos
+  std::vector<uint32_t> open;       // "?" positions still unmatched
+};
+
+Scratch& scratch() {
+  static Scratch s;
+  return s;
+}
+
+constexpr uint32_t kNoColon = UINT32_MAX;
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+struct Token {
+  bool number = false;
+  Op op = OP_OTHER;
+  size_t len = 0;
+};
+
+// Digits, then "." and digits, with at least one digit somewhere.
+size_t unsigned_number_length(std::string_view t, size_t pos) {
+  size_t i = pos;
+  bool digits = false;
+  while (i < t.size() && is_digit(t[i])) i++, digits = true;
+  if (i < t.size() && t[i] == '.') {
+    size_t j = i + 1;
+    while (j < t.size() && is_digit(t[j])) j++, digits = true;
+    if (digits) i = j;
+  }
+  return digits ? i - pos : 0;
+}
+
+Token lex(std::string_view t, size_t pos) {
+  Token tok;
+  char c = t[pos];
+  // A sign belongs to the number when it opens the text or follows an
+  // operator; after a number it is the operator itself.
+  bool sign_place = pos == 0 || (!is_digit(t[pos - 1]) && t[pos - 1] != '.');
+  size_t n = unsigned_number_length(t, (c == '+' || c == '-') && sign_place ? pos + 1 : pos);
+  if (n > 0) {
+    tok.number = true;
+    tok.len = n + ((c == '+' || c == '-') ? 1 : 0);
+    return tok;
+  }
+  char d = pos + 1 < t.size() ? t[pos + 1] : '\0';
+  tok.len = 1;
+  auto two = [&](Op op) { tok.op = op, tok.len = 2; };
+  switch (c) {
+    case '!': d == '=' ? two(OP_NE) : void(tok.op = OP_NOT); break;
+    case '~': tok.op = OP_BITNOT; break;
+    case '*': tok.op = OP_MUL; break;
+    case '/': tok.op = OP_DIV; break;
+    case '%': tok.op = OP_MOD; break;
+    case '+': tok.op = OP_ADD; break;
+    case '-': tok.op = OP_SUB; break;
+    case '<': d == '<' ? two(OP_SHL) : d == '=' ? two(OP_LE) : void(tok.op = OP_LT); break;
+    case '>': d == '>' ? two(OP_SHR) : d == '=' ? two(OP_GE) : void(tok.op = OP_GT); break;
+    case '=': d == '=' ? two(OP_EQ) : void(tok.op = OP_EQ); break;
+    case '&': d == '&' ? two(OP_AND) : void(tok.op = OP_BITAND); break;
+    case '^': d == '^' ? two(OP_XOR) : void(tok.op = OP_BITXOR); break;
+    case '|': d == '|' ? two(OP_OR) : void(tok.op = OP_BITOR); break;
+    default: break;
+  }
+  return tok;
+}
+
+// The leading integer of a number's text, saturated to 64 bits the way
+// strtoll reads it, then kept modulo 2^32.
+uint32_t read_u32(std::string_view t) {
+  size_t i = 0;
+  bool negative = false;
+  if (i < t.size() && (t[i] == '+' || t[i] == '-')) negative = t[i++] == '-';
+  uint64_t v = 0;
+  bool saturated = false;
+  for (; i < t.size() && is_digit(t[i]); i++) {
+    if (v > (UINT64_MAX - 9) / 10) saturated = true;
+    if (!saturated) v = v * 10 + uint64_t(t[i] - '0');
+  }
+  int64_t s;
+  if (negative)
+    s = saturated || v > uint64_t(INT64_MAX) + 1 ? INT64_MIN : int64_t(0 - v);
+  else
+    s = saturated || v > uint64_t(INT64_MAX) ? INT64_MAX : int64_t(v);
+  return uint32_t(uint64_t(s));
+}
+
+void append_u32(std::string& out, uint32_t v) {
+  char buf[16];
+  int n = std::snprintf(buf, sizeof buf, "%u", v);
+  out.append(buf, size_t(n));
+}
+
+// Number kinds: reading, printing and arithmetic by overloading, so one
+// template serves both evaluators.
+void read_number(std::string_view t, double& out) {
+  std::string& s = scratch().number;
+  s.assign(t);
+  out = std::strtod(s.c_str(), nullptr);
+}
+void read_number(std::string_view t, Decimal& out) { out = decimal_from_text(t); }
+
+void append_number(std::string& out, double d) {
+  char buf[400];  // "%.15lf" of the largest double needs 326 bytes
+  int n = std::snprintf(buf, sizeof buf, "%.15lf", d);
+  if (n > 0) out.append(buf, std::min(size_t(n), sizeof buf - 1));
+}
+void append_number(std::string& out, const Decimal& d) { out += decimal_to_text(d); }
+
+bool is_zero(double d) { return d == 0; }
+bool is_zero(const Decimal& d) { return decimal_is_zero(d); }
+
+// False for a zero divisor.
+bool arithmetic(Op op, double a, double b, double& r) {
+  switch (op) {
+    case OP_MUL: r = a * b; return true;
+    case OP_DIV: if (b == 0) return false; r = a / b; return true;
+    case OP_MOD: if (b == 0) return false; r = std::fmod(a, b); return true;
+    case OP_ADD: r = a + b; return true;
+    default: r = a - b; return true;
+  }
+}
+bool arithmetic(Op op, const Decimal& a, const Decimal& b, Decimal& r) {
+  switch (op) {
+    case OP_MUL: r = decimal_mul(a, b); return true;
+    case OP_DIV: return decimal_div(a, b, &r);
+    case OP_MOD: return decimal_mod(a, b, &r);
+    case OP_ADD: r = decimal_add(a, b); return true;
+    default: r = decimal_sub(a, b); return true;
+  }
+}
+
+bool relation(Op op, double a, double b) {
+  switch (op) {
+    case OP_LT: return a < b;
+    case OP_GT: return a > b;
+    case OP_LE: return a <= b;
+    case OP_GE: return a >= b;
+    case OP_EQ: return a == b;
+    default: return a != b;
+  }
+}
+bool relation(Op op, const Decimal& a, const Decimal& b) {
+  int c = decimal_compare(a, b);
+  switch (op) {
+    case OP_LT: return c < 0;
+    case OP_GT: return c > 0;
+    case OP_LE: return c <= 0;
+    case OP_GE: return c >= 0;
+    case OP_EQ: return c == 0;
+    default: return c != 0;
+  }
+}
+
+uint32_t integer_operation(Op op, uint32_t a, uint32_t b) {
+  switch (op) {
+    case OP_SHL: return b >= 32 ? 0 : a << b;
+    case OP_SHR: return b >= 32 ? 0 : a >> b;
+    case OP_BITAND: return a & b;
+    case OP_BITXOR: return a ^ b;
+    case OP_BITOR: return a | b;
+    case OP_AND: return a != 0 && b != 0;
+    case OP_XOR: return (a != 0) != (b != 0);
+    default: return a != 0 || b != 0;
+  }
+}
+
+template <typename Num>
+void operate(Op op, std::string_view a, std::string_view b, std::string& result) {
+  if (bit(op) & kIntegerOps) {
+    append_u32(result, integer_operation(op, read_u32(a), read_u32(b)));
+    return;
+  }
+  Num x, y;
+  read_number(a, x);
+  read_number(b, y);
+  if (op >= OP_LT) {
+    result += relation(op, x, y) ? '1' : '0';
+    return;
+  }
+  Num r;
+  if (!arithmetic(op, x, y, r)) {
+    eval_status = EVAL_DIVISION_BY_ZERO;
+    result += '0';
+    return;
+  }
+  append_number(result, r);
+}
+
+// Pass 1: each run of "!" and "~" with the number after it becomes the
+// result, the operator nearest the number applied first.
+void unary_pass(std::string_view in, std::string& out) {
+  out.clear();
+  size_t pos = 0;
+  while (pos < in.size()) {
+    Token tok = lex(in, pos);
+    if (tok.number || (tok.op != OP_NOT && tok.op != OP_BITNOT)) {
+      out.append(in, pos, tok.len);
+      pos += tok.len;
+      continue;
+    }
+    size_t first = pos;
+    while (pos < in.size() && !tok.number && (tok.op == OP_NOT || tok.op == OP_BITNOT)) {
+      pos += tok.len;
+      if (pos < in.size()) tok = lex(in, pos);
+    }
+    if (pos >= in.size() || !tok.number) {
+      // No operand: the operators stand for 0.
+      eval_status = EVAL_ILLEGAL_OPERATOR;
+      out += '0';
+      continue;
+    }
+    uint32_t v = read_u32(in.substr(pos, tok.len));
+    for (size_t i = pos; i-- > first;) v = in[i] == '!' ? uint32_t(v == 0) : ~v;
+    append_u32(out, v);
+    pos += tok.len;
+  }
+}
+
+// One binary level: every operator in `ops` with the numbers beside it
+// becomes the result, left to right, so a result is the next left operand.
+template <typename Num>
+void binary_pass(std::string_view in, std::string& out, uint32_t ops) {
+  out.clear();
+  constexpr size_t kNone = std::string::npos;
+  size_t left = kNone;  // where the number just written to `out` starts
+  std::string result;
+  size_t pos = 0;
+  while (pos < in.size()) {
+    Token tok = lex(in, pos);
+    if (tok.number) {
+      left = out.size();
+      out.append(in, pos, tok.len);
+      pos += tok.len;
+      continue;
+    }
+    if (!(bit(tok.op) & ops)) {
+      out.append(in, pos, tok.len);
+      pos += tok.len;
+      left = kNone;
+      continue;
+    }
+    size_t rpos = pos + tok.len;
+    Token right;
+    if (rpos < in.size()) right = lex(in, rpos);
+    pos = right.number ? rpos + right.len : rpos;
+    if (left == kNone || !right.number) {
+      // A missing operand: the operator and the operand it has are
+      // replaced by 0, so the rest of the text still computes.
+      eval_status = EVAL_ILLEGAL_OPERATOR;
+      if (left != kNone) out.resize(left);
+      left = out.size();
+      out += '0';
+      continue;
+    }
+    result.clear();
+    operate<Num>(tok.op, std::string_view(out).substr(left), in.substr(rpos, right.len), result);
+    out.resize(left);
+    out += result;
+  }
+}
+
+template <typename Num>
+Num read_leading_number(std::string_view t) {
+  Num n{};
+  if (!t.empty()) {
+    Token tok = lex(t, 0);
+    if (tok.number) read_number(t.substr(0, tok.len), n);
+  }
+  return n;
+}
+
+// Text without parentheses and without "?": the passes, then the number.
+template <typename Num>
+Num run_passes(std::string_view text) {
+  bool present[256] = {};
+  for (char c : text) present[uint8_t(c)] = true;
+  auto any = [&](std::string_view chars) {
+    for (char c : chars)
+      if (present[uint8_t(c)]) return true;
+    return false;
+  };
+  Scratch& s = scratch();
+  std::string_view cur = text;
+  bool into_a = true;
+  auto target = [&]() -> std::string& { return into_a ? s.pass_a : s.pass_b; };
+  if (any("!~")) {
+    unary_pass(cur, target());
+    cur = target(), into_a = !into_a;
+  }
+  // A level whose characters never occur has nothing to do; results only
+  // add digits, "." and signs, which no level but "+ -" looks at, and a
+  // new sign always follows an operator, where it is a sign again.
+  static constexpr std::string_view kLevelChars[] = {"*/%", "+-", "<>", "<>", "=!", "&", "^", "|",
+                                                     "&", "^", "|"};
+  for (size_t level = 0; level < std::size(kLevels); level++) {
+    if (!any(kLevelChars[level])) continue;
+    binary_pass<Num>(cur, target(), kLevels[level]);
+    cur = target(), into_a = !into_a;
+  }
+  return read_leading_number<Num>(cur);
+}
+
+// Matches every "?" with its ":" like brackets: a ":" closes the nearest
+// open "?", which is the rule of taking a nested conditional whole.
+void match_colons(std::string_view text) {
+  Scratch& s = scratch();
+  s.colon_of.assign(text.size(), kNoColon);
+  s.open.clear();
+  for (size_t i = 0; i < text.size(); i++) {
+    if (text[i] == '?') {
+      s.open.push_back(uint32_t(i));
+    } else if (text[i] == ':' && !s.open.empty()) {
+      s.colon_of[s.open.back()] = uint32_t(i);
+      s.open.pop_back();
+    }
+  }
+}
+
+// Text without parentheses: a chain of conditionals, followed by iterating
+// on the selected part, then the passes.
+template <typename Num>
+Num evaluate_flat(std::string_view text) {
+  size_t q = text.find('?');
+  if (q == std::string_view::npos) return run_passes<Num>(text);
+  match_colons(text);
+  const std::vector<uint32_t>& colon_of = scratch().colon_of;
+  size_t begin = 0, end = text.size();
+  while (q != std::string_view::npos && q < end) {
+    Num condition = run_passes<Num>(text.substr(begin, q - begin));
+    size_t colon = colon_of[q];
+    if (colon == kNoColon || colon >= end) {
+      // Without its ":" the then-part runs to the end and the else-part
+      // is empty, which reads as 0.
+      eval_status = EVAL_MISSING_COLON;
+      colon = end;
+    }
+    if (!is_zero(condition))
+      begin = q + 1, end = colon;
+    else
+      begin = colon < end ? colon + 1 : end;
+    q = text.find('?', begin);
+  }
+  return run_passes<Num>(text.substr(begin, end - begin));
+}
+
+bool is_plain_number(std::string_view t) {
+  if (t.empty()) return false;
+  size_t sign = (t[0] == '+' || t[0] == '-') ? 1 : 0;
+  return unsigned_number_length(t, sign) + sign == t.size();
+}
+
+template <typename Num>
+Num evaluate(std::string_view text) {
+  Scratch& s = scratch();
+  s.stripped.clear();
+  for (char c : text)
+    if (!is_space(c)) s.stripped += c;
+  std::string_view t = s.stripped;
+  if (is_plain_number(t)) {
+    Num n;
+    read_number(t, n);
+    return n;
+  }
+  if (t.find_first_of("()") == std::string_view::npos) return evaluate_flat<Num>(t);
+
+  // Parentheses: a stack of texts, one per open group; a closed group is
+  // evaluated and its printed result joins the text around it.
+  std::vector<std::string>& groups = s.groups;
+  size_t depth = 0;
+  if (groups.empty()) groups.emplace_back();
+  groups[0].clear();
+  auto close_group = [&]() {
+    Num v = evaluate_flat<Num>(groups[depth]);
+    depth--;
+    append_number(groups[depth], v);
+  };
+  size_t pos = 0;
+  while (pos < t.size()) {
+    size_t next = t.find_first_of("()", pos);
+    if (next == std::string_view::npos) next = t.size();
+    groups[depth].append(t, pos, next - pos);
+    if (next == t.size()) break;
+    if (t[next] == '(') {
+      depth++;
+      if (groups.size() <= depth) groups.emplace_back();
+      groups[depth].clear();
+    } else if (depth == 0) {
+      eval_status = EVAL_ILLEGAL_OPERATOR;  // a ")" closing nothing is dropped
+    } else {
+      close_group();
+    }
+    pos = next + 1;
+  }
+  if (depth > 0) eval_status = EVAL_UNMATCHED_PAREN;
+  while (depth > 0) close_group();
+  Num n = evaluate_flat<Num>(groups[0]);
+  // Deeply nested text leaves many buffers behind; keep only a few.
+  if (groups.size() > 64) groups.resize(64);
+  return n;
+}
+
+}  // namespace
+
+double expr_eval_double(std::string_view text) {
+  eval_status = EVAL_OK;
+  return evaluate<double>(text);
+}
+
+Decimal expr_eval_decimal(std::string_view text) {
+  eval_status = EVAL_OK;
+  return evaluate<Decimal>(text);
+}
