@@ -1,0 +1,602 @@
+// Typed values: creation, copy, assignment, conversions, hashes, orderings.
+#include "values/value.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "functions/encoders.h"
+
+uint8_t decimal_mode = 0;
+
+namespace {
+
+// A string range may reach past the stored bytes; the gap reads as zero
+// bytes.  A page can set the range from an expression, so the gap is capped
+// to keep a stray strstartpos from asking for gigabytes.
+constexpr uint64_t kMaxRangeGap = uint64_t{1} << 24;
+
+// ---------------------------------------------------------------- copying
+
+// Copies the payload of `from` (by its type) into the fresh value `to`.
+// aux_text and the derived value belong to the record, not the payload, so
+// they are left alone.
+void copy_payload(const Value& from, Value& to) {
+  to.type = from.type;
+  switch (from.type) {
+    case VT_EMPTY:
+      return;
+    case VT_INTEGER:
+      to.integer = from.integer;
+      return;
+    case VT_NUMBER:
+      to.number = from.number;
+      return;
+    case VT_DECIMAL:
+      to.decimal = from.decimal;
+      return;
+    case VT_STRING:
+      to.bytes = from.bytes;
+      to.start = from.start;
+      to.end = from.end;
+      return;
+    case VT_QUERY:
+      if (from.query) {
+        // A second handle on the same result set; the row is our own.
+        to.query = std::make_unique<QueryPayload>();
+        to.query->result = from.query->result;
+        to.query->current_row = from.query->current_row;
+        to.query->built_row = from.query->built_row;
+        if (from.query->row) to.query->row = value_copy(*from.query->row);
+      }
+      return;
+    case VT_LIST:
+      to.list.reserve(from.list.size());
+      for (const ValuePtr& e : from.list) to.list.push_back(e ? value_copy(*e) : value_new());
+      return;
+    case VT_ARRAY:
+    case VT_HASH:
+      to.columns = from.columns;
+      to.rows.reserve(from.rows.size());
+      for (const ValueRow& row : from.rows) {
+        ValueRow& out = to.rows.emplace_back();
+        out.reserve(row.size());
+        for (const ValuePtr& c : row) out.push_back(c ? value_copy(*c) : value_new());
+      }
+      return;
+    default:
+      // Handle-holding kinds of the file and socket tags keep their handle
+      // in the plain scalar fields.
+      to.integer = from.integer;
+      to.number = from.number;
+      to.bytes = from.bytes;
+      to.start = from.start;
+      to.end = from.end;
+      return;
+  }
+}
+
+// Moves every payload field of `from` into `to`, replacing what `to` held.
+void move_payload(Value& from, Value& to) {
+  to.type = from.type;
+  to.integer = from.integer;
+  to.number = from.number;
+  to.decimal = std::move(from.decimal);
+  to.bytes = std::move(from.bytes);
+  to.start = from.start;
+  to.end = from.end;
+  to.list = std::move(from.list);
+  to.rows = std::move(from.rows);
+  to.columns = from.columns;
+  to.query = std::move(from.query);
+}
+
+// ------------------------------------------------------------ string form
+
+// Appends the selected range of a string; bytes past the end are zeros.
+void append_range(const Value& v, std::string& out) {
+  uint64_t len = v.bytes.size();
+  uint64_t start = v.start, end = v.end;
+  if (end <= start) return;
+  end = std::min(end, len + kMaxRangeGap);
+  if (start < len) out.append(v.bytes, start, std::min(end, len) - start);
+  uint64_t gap_from = std::max(start, len);
+  if (end > gap_from) out.append(end - gap_from, '\0');
+}
+
+void append_text(const Value& v, bool whole, std::string& out);
+
+void append_encoded_cell(const Value* cell, std::string& out) {
+  if (!cell) return;
+  std::string text;
+  append_text(*cell, true, text);
+  out += url_encode(text);
+}
+
+void append_text(const Value& v, bool whole, std::string& out) {
+  switch (v.type) {
+    case VT_INTEGER:
+      out += format_integer(v.integer);
+      return;
+    case VT_DECIMAL:
+      out += decimal_to_text(v.decimal);
+      return;
+    case VT_STRING:
+      if (whole) out += v.bytes;
+      else append_range(v, out);
+      return;
+    case VT_QUERY:
+      if (v.query && v.query->row) append_text(*v.query->row, false, out);
+      return;
+    case VT_NUMBER:
+      out += format_number(v.number);
+      return;
+    case VT_LIST:
+      for (size_t i = 0; i < v.list.size(); i++) {
+        if (i) out += '&';
+        append_encoded_cell(v.list[i].get(), out);
+      }
+      return;
+    case VT_ARRAY:
+    case VT_HASH:
+      for (size_t r = 0; r < v.rows.size(); r++) {
+        std::string row_text;
+        for (size_t c = 0; c < v.rows[r].size(); c++) {
+          if (c) row_text += '&';
+          append_encoded_cell(v.rows[r][c].get(), row_text);
+        }
+        if (r) out += '&';
+        out += url_encode(row_text);
+      }
+      return;
+    default:
+      return;
+  }
+}
+
+// ------------------------------------------------------------ number form
+
+bool is_space(unsigned char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+bool is_digit(unsigned char c) { return c >= '0' && c <= '9'; }
+
+// The leading numeric part of `text`: white space, an optional sign, digits,
+// an optional "." and digits.  Exponents, "inf", "nan" and hexadecimal are
+// not numbers here, so the floating-point and decimal readers agree.
+double read_double(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size() && is_space(text[i])) i++;
+  size_t from = i;
+  if (i < text.size() && (text[i] == '-' || text[i] == '+')) i++;
+  while (i < text.size() && is_digit(text[i])) i++;
+  if (i < text.size() && text[i] == '.') {
+    i++;
+    while (i < text.size() && is_digit(text[i])) i++;
+  }
+  std::string prefix(text.substr(from, i - from));
+  return std::strtod(prefix.c_str(), nullptr);
+}
+
+// Text up to its first zero byte, as the number readers see it.
+std::string_view until_nul(std::string_view text) {
+  size_t nul = text.find('\0');
+  return nul == std::string_view::npos ? text : text.substr(0, nul);
+}
+
+ValuePtr zero_number() {
+  return decimal_mode ? value_from_decimal(Decimal()) : value_from_number(0);
+}
+
+// ------------------------------------------------------------------ hashes
+
+std::string_view key_of(const ValueRow& row) {
+  if (row.empty() || !row[0] || row[0]->type != VT_STRING) return {};
+  return row[0]->bytes;
+}
+
+Value* value_cell(ValueRow& row) { return row.size() > 1 ? row[1].get() : nullptr; }
+
+// Index of some row whose key matches case-insensitively, or -1.
+long hash_search(const Value& hash, std::string_view key) {
+  long lo = 0, hi = static_cast<long>(hash.rows.size()) - 1;
+  while (lo <= hi) {
+    long mid = lo + (hi - lo) / 2;
+    int c = compare_bytes_nocase(key_of(hash.rows[mid]), key);
+    if (c == 0) return mid;
+    if (c < 0) lo = mid + 1;
+    else hi = mid - 1;
+  }
+  return -1;
+}
+
+ValuePtr new_hash() {
+  ValuePtr h = value_new();
+  h->type = VT_HASH;
+  h->columns = 2;
+  return h;
+}
+
+void add_hash_row(Value& hash, std::string key, ValuePtr value) {
+  ValueRow& row = hash.rows.emplace_back();
+  row.push_back(value_from_string(std::move(key)));
+  row.push_back(std::move(value));
+}
+
+// ---------------------------------------------------------------- ordering
+
+unsigned char upper(unsigned char c) { return (c >= 'a' && c <= 'z') ? c - ('a' - 'A') : c; }
+
+template <bool kNoCase>
+int compare_plain(std::string_view a, std::string_view b) {
+  size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; i++) {
+    unsigned char x = a[i], y = b[i];
+    if (kNoCase) x = upper(x), y = upper(y);
+    if (x != y) return x < y ? -1 : 1;
+  }
+  if (a.size() == b.size()) return 0;
+  return a.size() < b.size() ? -1 : 1;
+}
+
+// Digit runs met at the same place compare by value: the run without its
+// leading zeros that is longer is larger, equal lengths compare digit by
+// digit, so runs of any length work.  Strings equal in this sense fall back
+// to the plain ordering ("01" before "1") so the order stays total.
+template <bool kNoCase>
+int compare_natural_impl(std::string_view a, std::string_view b) {
+  size_t i = 0, j = 0;
+  while (i < a.size() && j < b.size()) {
+    unsigned char x = a[i], y = b[j];
+    if (is_digit(x) && is_digit(y)) {
+      size_t ri = i, rj = j;
+      while (ri < a.size() && a[ri] == '0') ri++;
+      while (rj < b.size() && b[rj] == '0') rj++;
+      size_t ei = ri, ej = rj;
+      while (ei < a.size() && is_digit(a[ei])) ei++;
+      while (ej < b.size() && is_digit(b[ej])) ej++;
+      if (ei - ri != ej - rj) return ei - ri < ej - rj ? -1 : 1;
+      int c = a.substr(ri, ei - ri).compare(b.substr(rj, ej - rj));
+      if (c != 0) return c < 0 ? -1 : 1;
+      i = ei, j = ej;
+      continue;
+    }
+    if (kNoCase) x = upper(x), y = upper(y);
+    if (x != y) return x < y ? -1 : 1;
+    i++, j++;
+  }
+  bool a_left = i < a.size(), b_left = j < b.size();
+  if (a_left != b_left) return a_left ? 1 : -1;
+  return compare_plain<kNoCase>(a, b);
+}
+
+}  // namespace
+
+// ----------------------------------------------------------- construction
+
+ValuePtr value_new() { return std::make_unique<Value>(); }
+
+void value_free(ValuePtr v) { v.reset(); }
+
+// A copy carries the type and payload; aux_text and the derived value are
+// per-record scratch and start empty in the copy.
+ValuePtr value_copy(const Value& v) {
+  ValuePtr out = value_new();
+  copy_payload(v, *out);
+  return out;
+}
+
+void value_clear(Value& v) {
+  Value empty;
+  v.derived.reset();
+  move_payload(empty, v);
+}
+
+ValuePtr value_from_integer(int32_t n) {
+  ValuePtr v = value_new();
+  v->type = VT_INTEGER;
+  v->integer = n;
+  return v;
+}
+
+ValuePtr value_from_number(double d) {
+  ValuePtr v = value_new();
+  v->type = VT_NUMBER;
+  v->number = d;
+  return v;
+}
+
+ValuePtr value_from_decimal(Decimal d) {
+  ValuePtr v = value_new();
+  v->type = VT_DECIMAL;
+  v->decimal = std::move(d);
+  return v;
+}
+
+ValuePtr value_from_string(std::string bytes) {
+  ValuePtr v = value_new();
+  v->type = VT_STRING;
+  v->end = static_cast<uint32_t>(std::min<size_t>(bytes.size(), UINT32_MAX));
+  v->bytes = std::move(bytes);
+  return v;
+}
+
+bool value_is_numeric(const Value& v) {
+  return v.type == VT_INTEGER || v.type == VT_DECIMAL || v.type == VT_NUMBER;
+}
+
+// -------------------------------------------------------------- assignment
+
+bool value_assign(Value* dest, const Value* src) {
+  if (!dest || !src) return false;
+  if (dest == src) return true;
+
+  // Source text or copy first: `src` may live inside `dest` (an element,
+  // the query row, the derived value) and die when dest is released.
+  if (dest->type == VT_STRING && (dest->start != 0 || dest->end != dest->bytes.size())) {
+    uint64_t len = dest->bytes.size(), start = dest->start, end = dest->end;
+    if (start > len + kMaxRangeGap) return false;
+    std::string text = value_text(*src);
+    std::string joined;
+    joined.reserve(std::max(start, len) + text.size());
+    joined.append(dest->bytes, 0, std::min(start, len));
+    if (start > len) joined.append(start - len, '\0');
+    joined += text;
+    if (end < len) joined.append(dest->bytes, end, len - end);
+    dest->derived.reset();
+    dest->bytes = std::move(joined);
+    return true;
+  }
+
+  if (src->type == VT_STRING) {
+    std::string text = value_text(*src);
+    Value fresh;
+    fresh.type = VT_STRING;
+    fresh.end = static_cast<uint32_t>(std::min<size_t>(text.size(), UINT32_MAX));
+    fresh.bytes = std::move(text);
+    dest->derived.reset();
+    move_payload(fresh, *dest);
+    return true;
+  }
+
+  Value fresh;
+  copy_payload(*src, fresh);
+  dest->derived.reset();
+  move_payload(fresh, *dest);
+  return true;
+}
+
+// ------------------------------------------------------------- string form
+
+std::string value_text(const Value& v) {
+  // The common case, a string selected whole, is one copy of its bytes.
+  if (v.type == VT_STRING && v.start == 0 && v.end == v.bytes.size()) return v.bytes;
+  std::string out;
+  append_text(v, false, out);
+  return out;
+}
+
+std::string value_element_text(const Value& v) {
+  if (v.type == VT_STRING) return v.bytes;
+  std::string out;
+  append_text(v, true, out);
+  return out;
+}
+
+ValuePtr value_to_string(const Value& v) { return value_from_string(value_text(v)); }
+
+std::string format_number(double d) {
+  // Whole numbers below 1e15 print exactly as their integer, so skip the
+  // slow general formatter for them (loop counters, sizes, sums).
+  if (d == std::trunc(d) && std::fabs(d) < 1e15 && !(d == 0 && std::signbit(d))) {
+    std::string out = format_integer(static_cast<int64_t>(d));
+    out += ".000000000000000";
+    return out;
+  }
+  char buf[400];  // the largest double has 309 integer digits
+  int n = std::snprintf(buf, sizeof buf, "%.15lf", d);
+  if (n < 0) return {};
+  return std::string(buf, std::min<size_t>(n, sizeof buf - 1));
+}
+
+std::string format_integer(int64_t n) {
+  char buf[24];
+  auto res = std::to_chars(buf, buf + sizeof buf, n);
+  return std::string(buf, res.ptr);
+}
+
+// ------------------------------------------------------------- number form
+
+// A string is read from its selected range (its string form), up to the
+// first zero byte.
+ValuePtr value_to_number(const Value& value) {
+  const Value* v = &value;
+  // A list stands for its first element, an array or hash for cell (0, 1).
+  for (;;) {
+    if (v->type == VT_LIST) {
+      if (v->list.empty() || !v->list[0]) return zero_number();
+      v = v->list[0].get();
+    } else if (v->type == VT_ARRAY || v->type == VT_HASH) {
+      if (v->rows.empty() || v->rows[0].size() < 2 || !v->rows[0][1]) return zero_number();
+      v = v->rows[0][1].get();
+    } else {
+      break;
+    }
+  }
+  switch (v->type) {
+    case VT_INTEGER:
+      return decimal_mode ? value_from_decimal(decimal_from_int(v->integer))
+                          : value_from_number(v->integer);
+    case VT_STRING: {
+      bool whole = v->start == 0 && v->end == v->bytes.size();
+      std::string text = whole ? std::string() : value_text(*v);
+      std::string_view digits = until_nul(whole ? std::string_view(v->bytes) : text);
+      return decimal_mode ? value_from_decimal(decimal_from_text(digits))
+                          : value_from_number(read_double(digits));
+    }
+    case VT_DECIMAL:
+      // Off decimal mode only the integer part survives.
+      return decimal_mode ? value_from_decimal(v->decimal)
+                          : value_from_number(read_double(decimal_integer_text(v->decimal)));
+    case VT_NUMBER:
+      return decimal_mode ? value_from_decimal(decimal_from_double(v->number))
+                          : value_from_number(v->number);
+    default:
+      return zero_number();
+  }
+}
+
+// ----------------------------------------------------- list, hash, array
+
+ValuePtr value_to_list(const Value& v) {
+  ValuePtr out = value_new();
+  out->type = VT_LIST;
+  switch (v.type) {
+    case VT_INTEGER:
+    case VT_DECIMAL:
+    case VT_STRING:
+    case VT_NUMBER:
+      out->list.push_back(value_copy(v));
+      break;
+    case VT_QUERY:
+      if (v.query && v.query->row) return value_to_list(*v.query->row);
+      break;
+    case VT_LIST:
+      copy_payload(v, *out);
+      break;
+    case VT_ARRAY:
+      for (const ValueRow& row : v.rows) {
+        ValuePtr cells = value_new();
+        cells->type = VT_LIST;
+        for (const ValuePtr& c : row) cells->list.push_back(c ? value_copy(*c) : value_new());
+        out->list.push_back(std::move(cells));
+      }
+      break;
+    case VT_HASH:
+      for (const ValueRow& row : v.rows) {
+        const Value* cell = row.size() > 1 ? row[1].get() : nullptr;
+        out->list.push_back(cell ? value_copy(*cell) : value_new());
+      }
+      break;
+    default:
+      break;
+  }
+  return out;
+}
+
+ValuePtr value_to_hash(const Value& v) {
+  ValuePtr out = new_hash();
+  switch (v.type) {
+    case VT_EMPTY:
+      return out;
+    case VT_QUERY:
+      if (v.query && v.query->row) return value_to_hash(*v.query->row);
+      return out;
+    case VT_LIST:
+      out->rows.reserve(v.list.size());
+      for (const ValuePtr& e : v.list) add_hash_row(*out, e ? value_element_text(*e) : std::string(), value_new());
+      break;
+    case VT_ARRAY:
+    case VT_HASH:
+      out->rows.reserve(v.rows.size());
+      for (const ValueRow& row : v.rows) {
+        std::string key = !row.empty() && row[0] ? value_element_text(*row[0]) : std::string();
+        ValuePtr cell;
+        if (v.columns == 2) {
+          cell = row.size() > 1 && row[1] ? value_copy(*row[1]) : value_new();
+        } else if (v.columns >= 3) {
+          cell = value_new();
+          cell->type = VT_LIST;
+          for (size_t c = 1; c < v.columns; c++)
+            cell->list.push_back(c < row.size() && row[c] ? value_copy(*row[c]) : value_new());
+        } else {
+          cell = value_new();
+        }
+        add_hash_row(*out, std::move(key), std::move(cell));
+      }
+      break;
+    default:
+      add_hash_row(*out, value_text(v), value_new());
+      break;
+  }
+  std::stable_sort(out->rows.begin(), out->rows.end(), [](const ValueRow& a, const ValueRow& b) {
+    return compare_bytes_nocase(key_of(a), key_of(b)) < 0;
+  });
+  return out;
+}
+
+ValuePtr value_to_array(const Value& v) {
+  ValuePtr out = value_new();
+  out->type = VT_ARRAY;
+  switch (v.type) {
+    case VT_QUERY:
+      if (v.query && v.query->row) return value_to_array(*v.query->row);
+      break;
+    case VT_LIST: {
+      ValueRow& row = out->rows.emplace_back();
+      for (const ValuePtr& e : v.list) row.push_back(e ? value_copy(*e) : value_new());
+      out->columns = static_cast<uint32_t>(row.size());
+      break;
+    }
+    case VT_ARRAY:
+    case VT_HASH:
+      copy_payload(v, *out);
+      out->type = VT_ARRAY;
+      break;
+    default: {
+      ValueRow& row = out->rows.emplace_back();
+      row.push_back(value_copy(v));
+      out->columns = 1;
+      break;
+    }
+  }
+  return out;
+}
+
+// ------------------------------------------------------------------ hashes
+
+Value* hash_add_key(Value* hash, std::string_view key) {
+  if (!hash || hash->type != VT_HASH) return nullptr;
+  hash->columns = 2;
+  // After every key that compares equal or less: the rows stay sorted and
+  // duplicates keep their order of arrival.
+  auto at = std::upper_bound(hash->rows.begin(), hash->rows.end(), key,
+                             [](std::string_view k, const ValueRow& row) {
+                               return compare_bytes_nocase(k, key_of(row)) < 0;
+                             });
+  ValueRow row;
+  row.push_back(value_from_string(std::string(key)));
+  row.push_back(value_new());
+  Value* cell = row[1].get();
+  hash->rows.insert(at, std::move(row));
+  return cell;
+}
+
+Value* hash_find(Value* hash, std::string_view key) {
+  if (!hash || hash->type != VT_HASH) return nullptr;
+  long at = hash_search(*hash, key);
+  return at < 0 ? nullptr : value_cell(hash->rows[at]);
+}
+
+Value* hash_find_exact(Value* hash, std::string_view key) {
+  if (!hash || hash->type != VT_HASH) return nullptr;
+  long at = hash_search(*hash, key);
+  if (at < 0) return nullptr;
+  while (at > 0 && compare_bytes_nocase(key_of(hash->rows[at - 1]), key) == 0) at--;
+  for (size_t i = at; i < hash->rows.size(); i++) {
+    std::string_view k = key_of(hash->rows[i]);
+    if (compare_bytes_nocase(k, key) != 0) break;
+    if (compare_bytes(k, key) == 0) return value_cell(hash->rows[i]);
+  }
+  return nullptr;
+}
+
+// ---------------------------------------------------------------- ordering
+
+int compare_bytes(std::string_view a, std::string_view b) { return compare_plain<false>(a, b); }
+int compare_bytes_nocase(std::string_view a, std::string_view b) { return compare_plain<true>(a, b); }
+int compare_natural(std::string_view a, std::string_view b) { return compare_natural_impl<false>(a, b); }
+int compare_natural_nocase(std::string_view a, std::string_view b) {
+  return compare_natural_impl<true>(a, b);
+}
