@@ -1,0 +1,205 @@
+// CVVAR, CVUNVAR, CVBINARY and CVDIRECT: assign, remove and emit variables,
+// and capture a stretch of the page into one.
+#include "tags/variable_tags.h"
+
+#include <string>
+
+#include "engine/engine.h"
+#include "engine/output.h"
+#include "engine/report.h"
+#include "values/expression.h"
+#include "values/level4.h"
+
+namespace {
+
+constexpr std::string_view kDirectNotClosed =
+    "/CVDIRECT closing tag not found.  Make sure the tag is not embedded.  See the Corvane "
+    "documentation for details.";
+constexpr std::string_view kDirectNoLocalClose =
+    "CVDIRECT requires a matching closing tag (/CVDIRECT) to be contained within the local source "
+    "code.  See the Corvane documentation for details.";
+constexpr std::string_view kDirectNotOnStack =
+    "CVDIRECT is not the immediate open tag on the stack.  The most likely cause is either a "
+    "</CVDIRECT> tag with no matching opening tag OR another tag pair was opened after a valid "
+    "<CVDIRECT> but a closing tag was not encountered.  See the stack dump for details.";
+
+std::string not_obtained(std::string_view tag) {
+  return "An error occurred in obtaining the " + std::string(tag) +
+         " variable.  See the diagnostic message above for details.";
+}
+
+void assign_text(Value* v, std::string text) {
+  ValuePtr s = value_from_string(std::move(text));
+  value_assign(v, s.get());
+}
+
+// Runs one node of the current context into the capturing body buffer; an
+// internal failure stops the page like the main loop does.
+void capture_node() {
+  std::string out;
+  if (!process_current_node(out)) {
+    report_internal_error();
+    engine.stop = true;
+    return;
+  }
+  if (engine.abandon) {
+    engine.body = dyn_new();
+    engine.abandon = false;
+    return;
+  }
+  body_append(out);
+}
+
+// <CVDIRECT var=... processtags> ... </CVDIRECT>: the block's output.  The
+// closing tag's handler ends the loop by replacing this tag's stack entry.
+ValuePtr direct_processed(const ParsedTag& tag, const std::string& var) {
+  PageContext* ctx = current_context();
+  const ParsedTag* self = ctx->current_node;
+  tag_stack_push();
+  size_t depth = ctx->tag_stack.size();
+  DynStringPtr page_body = std::move(engine.body);
+  engine.body = dyn_new();
+  ctx->current_node = self->next;
+
+  auto still_open = [&] { return ctx->tag_stack.size() >= depth && ctx->tag_stack[depth - 1] == self; };
+  while (!engine.stop && ctx->current_node && still_open()) {
+    capture_node();
+    // A page included by that node runs to its end inside the capture.
+    while (!engine.stop && current_context() != ctx) {
+      if (!current_context()->current_node) {
+        if (current_context()->debug == DEBUG_ON) write_page_statistics();
+        context_pop();
+        continue;
+      }
+      capture_node();
+    }
+  }
+
+  bool unclosed = still_open();
+  if (ctx->tag_stack.size() >= depth) ctx->tag_stack.resize(depth - 1);
+  ctx->stay = true;
+  std::string captured = engine.body ? dyn_take(std::move(engine.body)) : std::string();
+  engine.body = std::move(page_body);
+
+  if (!ctx->current_node && unclosed) {
+    ctx->current_node = self;
+    report_error(tag, kDirectNoLocalClose);
+    return value_new();
+  }
+  if (engine.stop) return value_new();
+  // An included page's end may have replaced the name table, so the
+  // variable is looked up afresh.
+  Value* v = level4_resolve(var);
+  if (!v) {
+    report_error(tag, not_obtained("CVDIRECT"));
+    return value_new();
+  }
+  assign_text(v, std::move(captured));
+  return value_new();
+}
+
+}  // namespace
+
+// <CVVAR var=reference [value=expression]>
+ValuePtr cvvar_handler(const ParsedTag& tag) {
+  const std::string* var = tag_option(tag, "var");
+  if (!var) {
+    report_error(tag, option_required_message("CVVAR", "var"));
+    return value_new();
+  }
+  const std::string* text = tag_option(tag, "value");
+  ValuePtr result = text ? expr_evaluate(*text) : nullptr;
+  Value* v = level4_resolve(*var);
+  if (!v) {
+    report_error(tag, not_obtained("CVVAR"));
+    return value_new();
+  }
+  if (result) value_assign(v, result.get());
+  return value_new();
+}
+
+// <CVUNVAR var=reference>: removes the variable, or empties the part of one
+// that the reference selected.
+ValuePtr cvunvar_handler(const ParsedTag& tag) {
+  const std::string* var = tag_option(tag, "var");
+  if (!var) {
+    report_error(tag, option_required_message("CVUNVAR", "var"));
+    return value_new();
+  }
+  Value* v = level4_resolve(*var);
+  if (!v) {
+    report_error(tag, not_obtained("CVUNVAR"));
+    return value_new();
+  }
+  VarTable& names = names_for_write();
+  for (const TableEntry& e : names.entries) {
+    if (e.entry.kind == KIND_VARIABLE && e.entry.variable.get() == v) {
+      std::string name = e.name;
+      vartable_remove(names, name);
+      return value_new();
+    }
+  }
+  ValuePtr empty = value_new();
+  value_assign(v, empty.get());
+  return value_new();
+}
+
+// <CVBINARY var=reference>: the value's bytes straight into the body.
+ValuePtr cvbinary_handler(const ParsedTag& tag) {
+  if (current_context()->output_mode == OUTPUT_OFF) return value_new();
+  const std::string* var = tag_option(tag, "var");
+  if (!var) {
+    report_error(tag, option_required_message("CVBINARY", "var"));
+    return value_new();
+  }
+  Value* v = level4_resolve(*var);
+  if (!v) {
+    report_error(tag, "An error occurred in creating/obtaining the CVBINARY variable.  See the "
+                      "diagnostic message above for details.");
+    return value_new();
+  }
+  body_append(value_text(*v));
+  return value_new();
+}
+
+// <CVDIRECT var=reference [processtags]> ... </CVDIRECT>
+ValuePtr cvdirect_handler(const ParsedTag& tag) {
+  const std::string* var = tag_option(tag, "var");
+  if (!var) {
+    report_error(tag, option_required_message("CVDIRECT", "var"));
+    return value_new();
+  }
+  Value* v = level4_resolve(*var);
+  if (!v) {
+    report_error(tag, not_obtained("CVDIRECT"));
+    return value_new();
+  }
+  if (tag_option(tag, "processtags")) return direct_processed(tag, *var);
+
+  // As written: the nodes up to the matching closing tag, printed and not run.
+  PageContext* ctx = current_context();
+  const ParsedTag* self = ctx->current_node;
+  const ParsedTag* end = find_block_end(self, "CVDIRECT", "/CVDIRECT");
+  if (!end) {
+    report_error(tag, kDirectNotClosed);
+    return value_new();
+  }
+  std::string text;
+  const VarTable& names = names_for_read();
+  for (const ParsedTag* n = self->next; n && n != end; n = n->next) print_node(&names, *n, text);
+  assign_text(v, std::move(text));
+  // The loop moves on past the closing tag, whose handler never runs.
+  ctx->current_node = end;
+  return value_new();
+}
+
+// </CVDIRECT>: ends the capture of the innermost CVDIRECT block.
+ValuePtr cvdirect_close_handler(const ParsedTag& tag) {
+  PageContext* ctx = current_context();
+  if (ctx->tag_stack.empty() || !tag_is(ctx->tag_stack.back(), "CVDIRECT")) {
+    report_error(tag, kDirectNotOnStack);
+    return value_new();
+  }
+  ctx->tag_stack.back() = ctx->current_node;
+  return value_new();
+}

@@ -1,0 +1,357 @@
+// Level 4 references: find or create the variable a tag names and select the
+// element, hash entry, substring or property its options ask for.
+#include "values/level4.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "engine/engine.h"
+#include "engine/report.h"
+#include "values/expression.h"
+#include "values/level4_query.h"
+#include "values/vartable.h"
+
+namespace {
+
+// Indices above this fail; a list may therefore hold up to a million and one
+// elements.  Arrays are held to the same number of cells, and a substring
+// position may lie at most this far beyond the end of its string, so no
+// reference can make the engine allocate without bound.
+constexpr int64_t kMaxIndex = 1000000;
+constexpr uint64_t kMaxCells = kMaxIndex + 1;
+
+constexpr std::string_view kIllegalCharacters =
+    "Corvane does not permit Level 4 tags to contain illegal characters.  More than likely a tag "
+    "was supposed to be used and a value was used instead.  See the Corvane documentation for "
+    "details.\nParse failed at:  ";
+constexpr std::string_view kNoName = "Corvane does not allow Level 4 tags to have no name.\n";
+constexpr std::string_view kBadStart =
+    "Corvane does not permit Level 4 tags to start with 'CV', '/', or a number.\n";
+constexpr std::string_view kTwoDimensions =
+    "The element type of the embedded variable is an array and requires 2-dimensional "
+    "coordinates to access the data.\n";
+constexpr std::string_view kBadHashcase =
+    "The 'hashcase' option for Corvane variables (Level 4 Tags) may only be either 'insensitive' "
+    "or 'sensitive'.\n";
+constexpr std::string_view kHandlerFailed =
+    "An error occurred in obtaining the variable.  See the diagnostic message above for details.";
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+bool starts_with_nocase(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() && compare_bytes_nocase(text.substr(0, prefix.size()), prefix) == 0;
+}
+
+// What is being resolved: the tag, the name a new variable gets, and the
+// reference text that messages quote (printed from the tag when not given).
+struct Reference {
+  const ParsedTag& tag;
+  std::string_view create_name;
+  std::string text;
+};
+
+const std::string& reference_text(Reference& ref) {
+  if (ref.text.empty()) {
+    std::string printed;
+    print_node(&names_for_read(), ref.tag, printed);
+    if (printed.size() >= 2) ref.text = printed.substr(1, printed.size() - 2);
+  }
+  return ref.text;
+}
+
+Value* fail_quoting(Reference& ref, std::string_view what) {
+  std::string message = "<" + reference_text(ref) + "> ";
+  message += what;
+  return level4_fail(message);
+}
+
+// Replaces a value by a converted form of itself.  A string's range is
+// widened first, so the assignment replaces the whole value, not the range.
+void convert_in_place(Value* v, ValuePtr converted) {
+  if (v->type == VT_STRING) {
+    v->start = 0;
+    v->end = static_cast<uint32_t>(v->bytes.size());
+  }
+  value_assign(v, converted.get());
+}
+
+// "[3]" or "[2][5]": every index evaluated before any is applied.
+bool parse_indices(Reference& ref, std::string_view text, std::vector<uint32_t>* out) {
+  size_t i = 0;
+  while (true) {
+    while (i < text.size() && (text[i] == '[' || is_space(text[i]))) i++;
+    if (i >= text.size()) return true;
+    size_t close = text.find(']', i);
+    std::string_view item = text.substr(i, close == std::string_view::npos ? std::string_view::npos : close - i);
+    i = close == std::string_view::npos ? text.size() : close + 1;
+    int64_t n;
+    if (!level4_option_integer(item, &n)) {
+      fail_quoting(ref, "contains an element value that is not a number.\n");
+      return false;
+    }
+    if (n < 0 || n > kMaxIndex) {
+      fail_quoting(ref, "contains an element value that is out of range.\n");
+      return false;
+    }
+    out->push_back(static_cast<uint32_t>(n));
+  }
+}
+
+void grow_list(Value* list, uint32_t index) {
+  if (list->list.size() > index) return;
+  list->list.reserve(index + 1);
+  while (list->list.size() <= index) list->list.push_back(value_new());
+}
+
+Value* array_cell(Reference& ref, Value* array, uint32_t row, uint32_t column) {
+  size_t columns = std::max<size_t>(array->columns, size_t{column} + 1);
+  size_t rows = std::max<size_t>(array->rows.size(), size_t{row} + 1);
+  for (const ValueRow& r : array->rows) columns = std::max(columns, r.size());
+  bool grows = rows > array->rows.size() || columns > array->columns;
+  if (grows && uint64_t{rows} * columns > kMaxCells)
+    return fail_quoting(ref, "contains an element value that is out of range.\n");
+  array->rows.resize(rows);
+  for (ValueRow& r : array->rows) {
+    r.reserve(columns);
+    while (r.size() < columns) r.push_back(value_new());
+  }
+  array->columns = static_cast<uint32_t>(columns);
+  ValuePtr& cell = array->rows[row][column];
+  if (!cell) cell = value_new();
+  return cell.get();
+}
+
+Value* select_elements(Reference& ref, Value* sel, const std::vector<uint32_t>& indices) {
+  for (size_t k = 0; k < indices.size(); k++) {
+    uint32_t index = indices[k];
+    if (sel->type == VT_ARRAY || sel->type == VT_HASH) {
+      sel->type = VT_ARRAY;
+      if (k + 1 == indices.size()) return level4_fail(kTwoDimensions);
+      sel = array_cell(ref, sel, index, indices[++k]);
+      if (!sel) return nullptr;
+      continue;
+    }
+    if (sel->type != VT_LIST) {
+      value_clear(*sel);
+      sel->type = VT_LIST;
+    }
+    grow_list(sel, index);
+    ValuePtr& element = sel->list[index];
+    if (!element) element = value_new();
+    sel = element.get();
+  }
+  return sel;
+}
+
+// "hashcase": absent or "insensitive..." gives 0, "sensitive..." gives 1,
+// anything else -1.
+int hashcase_mode(const ParsedTag& tag) {
+  const std::string* option = tag_option(tag, "hashcase");
+  if (!option) return 0;
+  std::string word;
+  for (char c : *option)
+    if (!is_space(c)) word += c;
+  if (starts_with_nocase(word, "insensitive")) return 0;
+  if (starts_with_nocase(word, "sensitive")) return 1;
+  return -1;
+}
+
+Value* find_key(Value* hash, std::string_view key, int mode) {
+  return mode == 1 ? hash_find_exact(hash, key) : hash_find(hash, key);
+}
+
+// strstartpos / strendpos: a position within the string or not too far past it.
+bool range_position(const Value* sel, const std::string& text, std::string_view option, uint32_t* out) {
+  int64_t n;
+  bool ok = level4_option_integer(text, &n) && n >= 0 &&
+            n <= static_cast<int64_t>(sel->bytes.size()) + kMaxIndex;
+  if (!ok) {
+    level4_fail("Corvane requires the '" + std::string(option) +
+                "' option to be either a blank string or a number.\n");
+    return false;
+  }
+  *out = static_cast<uint32_t>(n);
+  return true;
+}
+
+Value* set_derived(Value* sel, ValuePtr property) {
+  sel->derived = std::move(property);
+  return sel->derived.get();
+}
+
+Value* select_range(Value* sel, const ParsedTag& tag) {
+  if (const std::string* start = tag_option(tag, "strstartpos")) {
+    if (sel->type != VT_STRING) convert_in_place(sel, value_to_string(*sel));
+    if (!range_position(sel, *start, "strstartpos", &sel->start)) return nullptr;
+  } else if (sel->type == VT_STRING) {
+    sel->start = 0;
+  }
+  if (const std::string* end = tag_option(tag, "strendpos")) {
+    if (sel->type != VT_STRING) convert_in_place(sel, value_to_string(*sel));
+    if (!range_position(sel, *end, "strendpos", &sel->end)) return nullptr;
+    sel->end = std::max(sel->end, sel->start);
+  } else if (sel->type == VT_STRING) {
+    uint32_t length = static_cast<uint32_t>(sel->bytes.size());
+    sel->end = sel->start > length ? sel->start : length;
+  }
+  return sel;
+}
+
+// Sizes and key positions of lists, arrays and hashes.
+Value* select_collection_property(Value* sel, const ParsedTag& tag) {
+  if (tag_option(tag, "getsizex")) {
+    size_t x = sel->type == VT_LIST ? sel->list.size() : sel->type == VT_HASH ? 2 : sel->columns;
+    return set_derived(sel, value_from_integer(static_cast<int32_t>(x)));
+  }
+  if (tag_option(tag, "getsizey")) {
+    size_t y = sel->type == VT_LIST ? 1 : sel->rows.size();
+    return set_derived(sel, value_from_integer(static_cast<int32_t>(y)));
+  }
+  // The key comes from the option's own value, so the reference still
+  // addresses the whole hash.
+  if (const std::string* key = tag_option(tag, "hashpos")) {
+    if (sel->type != VT_HASH) convert_in_place(sel, value_to_hash(*sel));
+    int mode = hashcase_mode(tag);
+    if (mode < 0) return level4_fail(kBadHashcase);
+    int position = level4_hash_position(*sel, find_key(sel, *key, mode));
+    return set_derived(sel, value_from_integer(position));
+  }
+  return sel;
+}
+
+// Steps after tokenizing, in their fixed order; each works on the value the
+// earlier ones selected.
+Value* resolve(Reference& ref) {
+  const ParsedTag& tag = ref.tag;
+  VarTable& names = names_for_write();
+  TagHandler* entry = vartable_find(names, tag.name);
+  if (!entry) {
+    std::string_view name = ref.create_name;
+    if (name.empty()) return level4_fail(kNoName);
+    if (starts_with_nocase(name, "CV") || name[0] == '/' || (name[0] >= '0' && name[0] <= '9'))
+      return level4_fail(kBadStart);
+    TagHandler created = make_variable_entry();
+    created.kind = KIND_VARIABLE;
+    created.handler = level4_handler;
+    if (!created.variable) created.variable = value_new();
+    vartable_set(names, name, std::move(created));
+    entry = vartable_find(names, name);
+  }
+  if (!entry || entry->kind != KIND_VARIABLE || !entry->variable)
+    return fail_quoting(ref, "is not a Level 4 tag.\n");
+  Value* sel = entry->variable.get();
+
+  if (const std::string* element = tag_option(tag, "element")) {
+    std::vector<uint32_t> indices;
+    if (!parse_indices(ref, *element, &indices)) return nullptr;
+    sel = select_elements(ref, sel, indices);
+    if (!sel) return nullptr;
+  }
+
+  if (const std::string* key = tag_option(tag, "hash")) {
+    if (sel->type != VT_HASH) convert_in_place(sel, value_to_hash(*sel));
+    int mode = hashcase_mode(tag);
+    if (mode < 0) return level4_fail(kBadHashcase);
+    Value* found = find_key(sel, *key, mode);
+    sel = found ? found : hash_add_key(sel, *key);
+    if (!sel) return nullptr;
+  }
+
+  if (!select_range(sel, tag)) return nullptr;
+  sel->derived.reset();
+
+  if (tag_option(tag, "type")) return set_derived(sel, value_from_integer(sel->type));
+  if (sel->type == VT_STRING) {
+    if (tag_option(tag, "getsize"))
+      return set_derived(sel, value_from_integer(static_cast<int32_t>(sel->bytes.size())));
+    return sel;
+  }
+  if (sel->type == VT_QUERY) return level4_query_select(*sel, tag);
+  if (sel->type <= 9) return sel;
+  if (sel->type == VT_LIST || sel->type == VT_ARRAY || sel->type == VT_HASH)
+    return select_collection_property(sel, tag);
+  return sel;
+}
+
+// A tag prints and cuts back into the same tag when no name or value holds
+// a byte that the printed form would quote, escape or split on.
+bool recuts_identically(const ParsedTag& tag) {
+  auto clean = [](std::string_view text, std::string_view extra) {
+    for (char c : text)
+      if (c == '"' || c == '\\' || c == '\'' || c == '<' || c == '>' || c == '\r' || c == '\n' ||
+          c == '\t' || c == '\0' || extra.find(c) != std::string_view::npos)
+        return false;
+    return true;
+  };
+  const std::string_view name_extra("= ", 2);
+  if (tag.name.empty() || !default_tag_start_class()[static_cast<unsigned char>(tag.name[0])] ||
+      !clean(tag.name, name_extra))
+    return false;
+  for (const TagOption& option : tag.options)
+    if (option.name.empty() || !clean(option.name, name_extra) || !clean(option.value, ""))
+      return false;
+  return true;
+}
+
+}  // namespace
+
+Value* level4_fail(std::string_view message) {
+  report_diagnostic(message, false);
+  return nullptr;
+}
+
+bool level4_option_integer(std::string_view text, int64_t* out) {
+  ValuePtr result = expr_evaluate(text);
+  return result && expr_value_as_integer(*result, out);
+}
+
+int level4_hash_position(const Value& hash, const Value* cell) {
+  if (!cell) return -1;
+  for (size_t r = 0; r < hash.rows.size(); r++)
+    if (hash.rows[r].size() > 1 && hash.rows[r][1].get() == cell) return static_cast<int>(r);
+  return -1;
+}
+
+Value* level4_resolve(std::string_view text) {
+  size_t skip = 0;
+  while (skip < text.size() && is_space(text[skip])) skip++;
+  text.remove_prefix(skip);
+  std::string wrapped = "<" + std::string(text) + ">";
+  const PageContext* ctx = current_context();
+  uint32_t line = ctx && ctx->current_node ? ctx->current_node->line : 1;
+  Chain chain = tokenize_text(names_for_read(), wrapped, line);
+  const ParsedTag* first = chain.head();
+  if (!first || !first->is_tag) {
+    std::string message(kIllegalCharacters);
+    if (first) print_node(&names_for_read(), *first, message);
+    message += "\n";
+    return level4_fail(message);
+  }
+  size_t word_end = text.find_first_of(std::string_view(" \r\n\t"));
+  Reference ref{*first, text.substr(0, word_end), std::string(text)};
+  return resolve(ref);
+}
+
+Value* level4_resolve_tag(const ParsedTag& tag) {
+  Reference ref{tag, tag.name, {}};
+  return resolve(ref);
+}
+
+ValuePtr level4_handler(const ParsedTag& tag) {
+  Value* v;
+  if (recuts_identically(tag)) {
+    v = level4_resolve_tag(tag);
+  } else {
+    std::string printed;
+    print_node(&names_for_read(), tag, printed);
+    std::string_view inner(printed);
+    if (inner.size() >= 2) inner = inner.substr(1, inner.size() - 2);
+    v = level4_resolve(inner);
+  }
+  if (!v) {
+    report_error(tag, kHandlerFailed);
+    return value_new();
+  }
+  return value_copy(*v);
+}
