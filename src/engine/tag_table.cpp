@@ -5,6 +5,7 @@
 #include "tags/composition.h"
 #include "tags/conditionals.h"
 #include "tags/loops.h"
+#include "tags/variable_tags.h"
 
 namespace {
 
@@ -19,6 +20,7 @@ struct BuiltinRow {
 const BuiltinRow kBuiltinRows[] = {
     {"/CVBINARY", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVDEBUG", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVDIRECT", CLASS_STATEMENT, cvdirect_close_handler},
     {"/CVELSE", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVELSEIF", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVEXIT", CLASS_STATEMENT, unneeded_tag_handler},
@@ -35,7 +37,9 @@ const BuiltinRow kBuiltinRows[] = {
     {"/CVVAR", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVWEB", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVWHILE", CLASS_STATEMENT, cvwhile_close_handler},
+    {"CVBINARY", CLASS_STATEMENT, cvbinary_handler},
     {"CVDEBUG", CLASS_STATEMENT, cvdebug_handler},
+    {"CVDIRECT", CLASS_STATEMENT, cvdirect_handler},
     {"CVELSE", CLASS_STATEMENT, cvelse_handler},
     {"CVELSEIF", CLASS_STATEMENT, cvelseif_handler},
     {"CVEXIT", CLASS_STATEMENT, cvexit_handler},
@@ -47,6 +51,8 @@ const BuiltinRow kBuiltinRows[] = {
     {"CVLOCATION", CLASS_STATEMENT, cvlocation_handler},
     {"CVMLMODE", CLASS_STATEMENT, cvmlmode_handler},
     {"CVRESTART", CLASS_STATEMENT, cvrestart_handler},
+    {"CVUNVAR", CLASS_STATEMENT, cvunvar_handler},
+    {"CVVAR", CLASS_STATEMENT, cvvar_handler},
     {"CVWHILE", CLASS_STATEMENT, cvwhile_handler},
 };
 
