@@ -216,7 +216,10 @@ bool process_node(const ParsedTag& node, std::string& out) {
     out = node.text;
     return true;
   }
-  ++engine.tags_processed;
+  if (++engine.tags_processed > engine.tag_limit && engine.tag_limit) {
+    engine.stop = true;
+    return true;
+  }
   if (options_are_plain(node)) {
     out = dispatch_tag(node);
     return true;

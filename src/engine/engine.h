@@ -58,6 +58,9 @@ struct Engine {
   bool body_discard = false;
   bool abandon = false;
   uint32_t tags_processed = 0;
+  // When not 0, the page stops once this many tags have run (fuzzing and
+  // other harnesses that must end on pages that loop for ever).
+  uint32_t tag_limit = 0;
 
   VarTablePtr names;  // the name table in force
   std::vector<std::unique_ptr<PageContext>> contexts;  // back() is current
