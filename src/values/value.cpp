@@ -349,6 +349,17 @@ bool value_assign(Value* dest, const Value* src) {
     return true;
   }
 
+  bool plain_src = src->type == VT_EMPTY || src->type == VT_INTEGER || src->type == VT_NUMBER;
+  bool plain_dest = dest->type == VT_EMPTY || dest->type == VT_INTEGER || dest->type == VT_NUMBER;
+  if (plain_src && plain_dest) {
+    // Loop counters and sums: nothing to release, nothing to allocate.
+    dest->type = src->type;
+    dest->integer = src->type == VT_INTEGER ? src->integer : 0;
+    dest->number = src->type == VT_NUMBER ? src->number : 0;
+    dest->derived.reset();
+    return true;
+  }
+
   if (src->type == VT_STRING) {
     std::string text = value_text(*src);
     Value fresh;
@@ -395,6 +406,11 @@ std::string format_number(double d) {
     return out;
   }
   char buf[400];  // the largest double has 309 integer digits
+  if (std::isfinite(d)) {
+    // Exact and correctly rounded like printf, at a tenth of its cost.
+    auto res = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::fixed, 15);
+    if (res.ec == std::errc()) return std::string(buf, res.ptr);
+  }
   int n = std::snprintf(buf, sizeof buf, "%.15lf", d);
   if (n < 0) return {};
   return std::string(buf, std::min<size_t>(n, sizeof buf - 1));

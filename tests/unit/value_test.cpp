@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <random>
 
 namespace {
@@ -95,6 +96,11 @@ TEST(FormatNumber, FastPathMatchesPrintf) {
     samples.push_back(static_cast<double>(static_cast<int64_t>(rng() % 2000000000000000ULL) - 1000000000000000LL));
     samples.push_back(static_cast<double>(static_cast<int32_t>(rng())));
     samples.push_back(std::ldexp(static_cast<double>(rng() >> 11), static_cast<int>(rng() % 120) - 60));
+    samples.push_back(static_cast<double>(rng() % 1000000) / 1000);  // ties in the last digit
+    uint64_t bits = rng();
+    double any;
+    std::memcpy(&any, &bits, sizeof any);
+    samples.push_back(any);  // any bit pattern, NaN included
   }
   char buf[400];
   for (double d : samples) {
@@ -199,6 +205,31 @@ TEST(ValueAssign, RangeReplacement) {
   ASSERT_TRUE(value_assign(u.get(), value_from_number(1).get()));
   EXPECT_EQ("ab1.000000000000000", u->bytes);
   EXPECT_EQ(nullptr, u->derived);
+
+  // A range start far past the bytes is refused rather than zero-filled.
+  ValuePtr far = value_from_string("abc");
+  far->start = 3000000000u, far->end = 3000000000u;
+  EXPECT_FALSE(value_assign(far.get(), value_from_string("x").get()));
+  EXPECT_EQ("abc", far->bytes);
+  far->start = 1;
+  EXPECT_GT(value_text(*far).size(), 2u);
+  EXPECT_LT(value_text(*far).size(), 100000000u);
+}
+
+TEST(ValueAssign, ScalarsReplaceEachOther) {
+  ValuePtr v = value_from_integer(5);
+  v->derived = value_from_integer(1);
+  ASSERT_TRUE(value_assign(v.get(), value_from_number(1.5).get()));
+  EXPECT_EQ(VT_NUMBER, v->type);
+  EXPECT_EQ("1.500000000000000", value_text(*v));
+  EXPECT_EQ(nullptr, v->derived);
+  ASSERT_TRUE(value_assign(v.get(), value_new().get()));
+  EXPECT_EQ(VT_EMPTY, v->type);
+  EXPECT_EQ("", value_text(*v));
+  ASSERT_TRUE(value_assign(v.get(), value_from_decimal(decimal_from_text("2.25")).get()));
+  EXPECT_EQ("2.25", value_text(*v));
+  ASSERT_TRUE(value_assign(v.get(), value_from_integer(-3).get()));
+  EXPECT_EQ("-3", value_text(*v));
 }
 
 TEST(ValueAssign, WholeAssignmentAndAliasing) {
