@@ -2,13 +2,16 @@
 # Runs every test: a normal build with all unit, page and system tests, then a
 # sanitizer build (AddressSanitizer, UBSan, LeakSanitizer where it works) with
 # the same tests and a bounded run of every fuzz target.
-# Environment: FUZZ_SECONDS (per fuzz target, default 45), JOBS (default 2).
+# Environment: FUZZ_SECONDS (per fuzz target, default 45), JOBS (default 2),
+# BUILD_DIR and ASAN_BUILD_DIR (default build and build-asan).
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 jobs=${JOBS:-2}
 fuzz_seconds=${FUZZ_SECONDS:-45}
+build=${BUILD_DIR:-build}
+asan=${ASAN_BUILD_DIR:-build-asan}
 failures=()
 started=$(date +%s)
 
@@ -27,12 +30,12 @@ configure() {
 }
 
 # ---- normal build --------------------------------------------------------
-step "build (RelWithDebInfo, build/)"
-if configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo && ninja -C build -j "$jobs"; then
-  step "tests (build/)"
-  (cd build && ctest --output-on-failure -j "$jobs") || fail "tests in build/"
+step "build (RelWithDebInfo, $build/)"
+if configure "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo && ninja -C "$build" -j "$jobs"; then
+  step "tests ($build/)"
+  (cd "$build" && ctest --output-on-failure -j "$jobs") || fail "tests in $build/"
 else
-  fail "build in build/"
+  fail "build in $build/"
 fi
 
 # ---- sanitizer build -----------------------------------------------------
@@ -62,19 +65,29 @@ fi
 export ASAN_OPTIONS="detect_leaks=$leaks:abort_on_error=0:strict_string_checks=1:detect_stack_use_after_return=1:check_initialization_order=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 
-step "build (AddressSanitizer + UBSan + fuzzers, build-asan/)"
+step "build (AddressSanitizer + UBSan + fuzzers, $asan/)"
 asan_built=0
-if configure build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-     -DCVML_SANITIZE=ON -DCVML_FUZZ=ON && ninja -C build-asan -j "$jobs"; then
+if configure "$asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+     -DCVML_SANITIZE=ON -DCVML_FUZZ=ON && ninja -C "$asan" -j "$jobs"; then
   asan_built=1
-  step "tests (build-asan/)"
-  (cd build-asan && ctest --output-on-failure -j "$jobs") || fail "tests in build-asan/"
+  step "tests ($asan/)"
+  (cd "$asan" && ctest --output-on-failure -j "$jobs") || fail "tests in $asan/"
 else
-  fail "build in build-asan/"
+  fail "build in $asan/"
 fi
 
 # ---- fuzzing ------------------------------------------------------------
-# run_fuzzer <name>: runs build-asan/<name> for FUZZ_SECONDS on a scratch copy
+# fuzzer_path <name>: where the build put the target (tests/ is a CMake
+# subdirectory, so it lands there).
+fuzzer_path() {
+  local candidate
+  for candidate in "$asan/tests/$1" "$asan/$1"; do
+    [ -x "$candidate" ] && { echo "$candidate"; return 0; }
+  done
+  return 1
+}
+
+# run_fuzzer <name>: runs the target for FUZZ_SECONDS on a scratch copy
 # of its seed corpus (so the tree is never written) with its dictionary.
 run_fuzzer() {
   local name=$1 short=${1%_fuzz} work corpus dict args log rc
@@ -89,7 +102,7 @@ run_fuzzer() {
     if [ -f "$dict" ]; then args+=(-dict="$dict"); break; fi
   done
   log=$work/log
-  "build-asan/$name" "${args[@]}" "$work/corpus" > "$log" 2>&1
+  timeout $((fuzz_seconds + 120)) "$(fuzzer_path "$name")" "${args[@]}" "$work/corpus" > "$log" 2>&1
   rc=$?
   if [ $rc -eq 0 ]; then
     echo "fuzz $name: PASS ($(grep -m1 -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$') runs)"
@@ -99,9 +112,9 @@ run_fuzzer() {
     local found
     for found in "$work"/crash-* "$work"/leak-* "$work"/timeout-* "$work"/oom-*; do
       [ -f "$found" ] || continue
-      mkdir -p "$root/build-asan/fuzz-artifacts"
-      cp "$found" "$root/build-asan/fuzz-artifacts/${name}-$(basename "$found")"
-      echo "fuzz $name: input kept as build-asan/fuzz-artifacts/${name}-$(basename "$found")"
+      mkdir -p "$asan/fuzz-artifacts"
+      cp "$found" "$asan/fuzz-artifacts/${name}-$(basename "$found")"
+      echo "fuzz $name: input kept as $asan/fuzz-artifacts/${name}-$(basename "$found")"
     done
   fi
   rm -rf "$work"
@@ -113,15 +126,13 @@ if [ $asan_built -eq 1 ]; then
   for src in tests/fuzz/*_fuzz.cpp; do
     [ -f "$src" ] || continue
     name=$(basename "$src" .cpp)
-    if [ -x "build-asan/$name" ]; then
+    if fuzzer_path "$name" >/dev/null; then
       fuzzers+=("$name")
     else
       fail "fuzz target $name was not built"
     fi
   done
-  if [ ${#fuzzers[@]} -eq 0 ]; then
-    echo "no fuzz targets in tests/fuzz/"
-  else
+  if [ ${#fuzzers[@]} -gt 0 ]; then
     step "fuzzing ${#fuzzers[@]} target(s), ${fuzz_seconds}s each, $jobs at a time"
     # Each target runs as a background job writing its own result file, so
     # two cores fuzz two targets at once.
