@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
 # Builds cvml and runs it: `scripts/run.sh page.cvm` runs one page from the
 # command line; `scripts/run.sh` serves the demo site in examples/ through
-# lighttpd on 127.0.0.1 until Ctrl-C.
+# lighttpd on 127.0.0.1 until Ctrl-C.  BUILD_DIR picks the build directory
+# (default build/).
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
+build=${BUILD_DIR:-$root/build}
 
 "$root/scripts/setup.sh" >&2 || { echo "set-up failed" >&2; exit 1; }
-if [ ! -f "$root/build/build.ninja" ]; then
-  cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2 || exit 1
+if [ ! -f "$build/build.ninja" ]; then
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2 || exit 1
 fi
-ninja -C "$root/build" -j "${JOBS:-2}" cvml >&2 || { echo "build failed" >&2; exit 1; }
-cvml=$root/build/cvml
+ninja -C "$build" -j "${JOBS:-2}" cvml >&2 || { echo "build failed" >&2; exit 1; }
+cvml=$(cd "$build" && pwd)/cvml
 
 if [ $# -ge 1 ]; then
   page=$1
