@@ -53,6 +53,7 @@ struct Scratch {
   std::string stripped;
   std::string pass_a, pass_b;
   std::string number;             // a zero-terminated copy for strtod
+  std::string result;             // one operation's printed result
   std::vector<std::string> groups;  // one text per open parenthesis
   std::vector<uint32_t> colon_of;   // per "?": its matching ":" or npos
   std::vector<uint32_t> open;       // "?" positions still unmatched
@@ -234,7 +235,7 @@ void operate(Op op, std::string_view a, std::string_view b, std::string& result)
     result += relation(op, x, y) ? '1' : '0';
     return;
   }
-  Num r;
+  Num r{};
   if (!arithmetic(op, x, y, r)) {
     eval_status = EVAL_DIVISION_BY_ZERO;
     result += '0';
@@ -280,7 +281,7 @@ void binary_pass(std::string_view in, std::string& out, uint32_t ops) {
   out.clear();
   constexpr size_t kNone = std::string::npos;
   size_t left = kNone;  // where the number just written to `out` starts
-  std::string result;
+  std::string& result = scratch().result;
   size_t pos = 0;
   while (pos < in.size()) {
     Token tok = lex(in, pos);
