@@ -374,8 +374,9 @@ void match_colons(std::string_view text) {
   }
 }
 
-// Text without parentheses: a chain of conditionals, followed by iterating
-// on the selected part, then the passes.
+// Text without parentheses.  Each conditional selects a part, which then
+// stands for the whole text; a loop rather than recursion, so long chains
+// of conditionals cost no stack.
 template <typename Num>
 Num evaluate_flat(std::string_view text) {
   size_t q = text.find('?');
