@@ -122,6 +122,8 @@ TEST(Tokenizer, LineNumbers) {
   for (size_t i = 0; i < 7; ++i) EXPECT_EQ(chain.nodes[i]->line, lines[i]) << i;
   EXPECT_EQ(option_of(chain, "v"), "(absent)");  // the head is text
   EXPECT_EQ(*tag_option(*chain.nodes[1], "v"), "1 2");
+  // Looking past a name for "=" must not count the same line feed twice.
+  EXPECT_EQ(cut("<x a\n b>\n<z>").nodes.at(2)->line, 3u);
 }
 
 TEST(Tokenizer, ZeroBytes) {
