@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Runs one page case: NAME.cvm with optional NAME.env (one VAR=value per line,
-# @DIR@ standing for the case's directory) and NAME.in (standard input), and
-# compares standard output with NAME.out.  Timings in the statistics and the
-# case's directory are masked so the expected texts are stable.
+# @DIR@ standing for the case's directory), NAME.in (standard input) and
+# NAME.args (the arguments, one a line, in place of the page's name; an empty
+# file runs without arguments), and compares standard output with NAME.out.
+# Timings in the statistics and the case's directory are masked so the
+# expected texts are stable.
 set -u
 cvml=$1
 page=$2
@@ -26,12 +28,20 @@ fi
 input=/dev/null
 [ -f "$base.in" ] && input=$base.in
 
+args=("$name")
+if [ -f "$base.args" ]; then
+  args=()
+  while IFS= read -r line || [ -n "$line" ]; do
+    args+=("${line//@DIR@/$dir}")
+  done < "$base.args"
+fi
+
 actual=$(mktemp)
 trap 'rm -f "$actual"' EXIT
 if grep -q '^DOCUMENT_ROOT=' "$base.env" 2>/dev/null; then
   (cd "$dir" && env -i "${envs[@]}" timeout 20 "$cvml" < "$input") > "$actual"
 else
-  (cd "$dir" && env -i "${envs[@]}" timeout 20 "$cvml" "$name" < "$input") > "$actual"
+  (cd "$dir" && env -i "${envs[@]}" timeout 20 "$cvml" ${args[@]+"${args[@]}"} < "$input") > "$actual"
 fi
 status=$?
 if [ $status -ne 0 ]; then
