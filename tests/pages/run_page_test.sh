@@ -26,7 +26,7 @@ if [ -f "$base.env" ]; then
   done < "$base.env"
 fi
 input=/dev/null
-[ -f "$base.in" ] && input=$base.in
+[ -f "$base.in" ] && input=$dir/${name%.cvm}.in
 
 args=("$name")
 if [ -f "$base.args" ]; then
