@@ -174,12 +174,18 @@ ValuePtr cvdirect_handler(const ParsedTag& tag) {
     report_error(tag, not_obtained("CVDIRECT"));
     return value_new();
   }
-  if (tag_option(tag, "processtags")) return direct_processed(tag, *var);
+  if (tag_option(tag, "processtags")) {
+    if (!current_context() || !current_context()->current_node) {
+      report_error(tag, kDirectNoLocalClose);
+      return value_new();
+    }
+    return direct_processed(tag, *var);
+  }
 
   // As written: the nodes up to the matching closing tag, printed and not run.
   PageContext* ctx = current_context();
-  const ParsedTag* self = ctx->current_node;
-  const ParsedTag* end = find_block_end(self, "CVDIRECT", "/CVDIRECT");
+  const ParsedTag* self = ctx ? ctx->current_node : nullptr;
+  const ParsedTag* end = self ? find_block_end(self->next, "CVDIRECT", "/CVDIRECT") : nullptr;
   if (!end) {
     report_error(tag, kDirectNotClosed);
     return value_new();
@@ -196,7 +202,7 @@ ValuePtr cvdirect_handler(const ParsedTag& tag) {
 // </CVDIRECT>: ends the capture of the innermost CVDIRECT block.
 ValuePtr cvdirect_close_handler(const ParsedTag& tag) {
   PageContext* ctx = current_context();
-  if (ctx->tag_stack.empty() || !tag_is(ctx->tag_stack.back(), "CVDIRECT")) {
+  if (!ctx || ctx->tag_stack.empty() || !tag_is(ctx->tag_stack.back(), "CVDIRECT")) {
     report_error(tag, kDirectNotOnStack);
     return value_new();
   }
