@@ -146,7 +146,8 @@ ValuePtr cvunvar_handler(const ParsedTag& tag) {
 
 // <CVBINARY var=reference>: the value's bytes straight into the body.
 ValuePtr cvbinary_handler(const ParsedTag& tag) {
-  if (current_context()->output_mode == OUTPUT_OFF) return value_new();
+  const PageContext* ctx = current_context();
+  if (ctx && ctx->output_mode == OUTPUT_OFF) return value_new();
   const std::string* var = tag_option(tag, "var");
   if (!var) {
     report_error(tag, option_required_message("CVBINARY", "var"));
