@@ -117,6 +117,12 @@ void append_encoded_cell(const Value* cell, std::string& out) {
 }
 
 void append_text(const Value& v, bool whole, std::string& out) {
+  static int depth = 0;
+  if (depth >= kMaxValueNesting) return;
+  struct Nest {
+    Nest() { ++depth; }
+    ~Nest() { --depth; }
+  } nest;
   switch (v.type) {
     case VT_INTEGER:
       out += format_integer(v.integer);
@@ -282,9 +288,43 @@ void value_free(ValuePtr v) { v.reset(); }
 // A copy carries the type and payload; aux_text and the derived value are
 // per-record scratch and start empty in the copy.
 ValuePtr value_copy(const Value& v) {
+  static int depth = 0;
   ValuePtr out = value_new();
+  if (depth >= kMaxValueNesting) return out;
+  ++depth;
   copy_payload(v, *out);
+  --depth;
   return out;
+}
+
+namespace {
+
+void take_children(Value& v, std::vector<ValuePtr>& pending) {
+  for (ValuePtr& e : v.list) {
+    if (e) pending.push_back(std::move(e));
+  }
+  v.list.clear();
+  for (ValueRow& row : v.rows) {
+    for (ValuePtr& c : row) {
+      if (c) pending.push_back(std::move(c));
+    }
+  }
+  v.rows.clear();
+  if (v.derived) pending.push_back(std::move(v.derived));
+  if (v.query && v.query->row) pending.push_back(std::move(v.query->row));
+}
+
+}  // namespace
+
+Value::~Value() {
+  if (list.empty() && rows.empty() && !derived && !query) return;
+  std::vector<ValuePtr> pending;
+  take_children(*this, pending);
+  while (!pending.empty()) {
+    ValuePtr v = std::move(pending.back());
+    pending.pop_back();
+    take_children(*v, pending);
+  }
 }
 
 void value_clear(Value& v) {

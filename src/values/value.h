@@ -55,7 +55,18 @@ struct Value {
 
   // The last computed property (type code, size ...) handed to the page.
   ValuePtr derived;
+
+  Value() = default;
+  Value(Value&&) = default;
+  Value& operator=(Value&&) = default;
+  // Takes nested values apart with a work list rather than by recursion,
+  // so a value nested any depth is freed without exhausting the stack.
+  ~Value();
 };
+
+// Copying and printing recurse into nested lists and tables; below this
+// depth the nested parts are left out, so no page can exhaust the stack.
+constexpr int kMaxValueNesting = 2000;
 
 // Run-wide decimal-arithmetic switch: number conversions and expressions
 // give decimal numbers while it is 1, floating-point numbers while it is 0.
