@@ -17,6 +17,9 @@ namespace {
 
 const char kPlainHeader[] = "Content-Type: text/plain\n\n";
 
+// Survives engine_reset(), which clears the engine's own copy.
+uint32_t tag_limit_for_runs = 0;
+
 bool fail_start(const std::string& message) {
   write_stdout(std::string(kPlainHeader) + message);
   return false;
@@ -192,8 +195,11 @@ bool engine_init() {
   return engine.header && engine.body && engine.sql_stats && engine.stats && engine.errors;
 }
 
+void set_tag_limit_for_runs(uint32_t limit) { tag_limit_for_runs = limit; }
+
 int cvml_main(int argc, char** argv, char** envp) {
   engine_reset();
+  engine.tag_limit = tag_limit_for_runs;
   for (int i = 0; i < argc; ++i) engine.argv.emplace_back(argv[i]);
   for (char** e = envp; e && *e; ++e) engine.envp.emplace_back(*e);
 

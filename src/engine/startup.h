@@ -1,12 +1,16 @@
 // Program entry: mode decision, page location, start-up and the request.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
 // Runs one request: the whole life of the process.  Always returns 0.
 int cvml_main(int argc, char** argv, char** envp);
+// For harnesses that run many pages in one process (fuzzing): every later
+// cvml_main stops its page after this many tags; 0, the default, is no limit.
+void set_tag_limit_for_runs(uint32_t limit);
 
 bool cgi_setup();
 void config_setup(std::string_view program_path);
@@ -21,7 +25,8 @@ std::string directory_part(std::string_view path);
 std::string file_part(std::string_view path);
 bool resolve_path(std::string_view base, std::string_view relative, std::string* result);
 
-// Request pairs ("a=1&b=2"), URL-decoded, newest first as they are stored.
+// Request pairs ("a=1&b=2"), URL-decoded, in the order they appear (the
+// request variables store them newest first).
 struct RequestPair {
   std::string key, value;
 };
