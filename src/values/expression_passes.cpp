@@ -6,6 +6,7 @@
 // 0.300000000000000 and is read back as 0.3), so the passes work on text
 // rather than on parsed numbers.  Each step is one left-to-right scan;
 // nothing recurses with the depth of the input.
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -52,7 +53,6 @@ constexpr uint32_t kIntegerOps = bit(OP_SHL) | bit(OP_SHR) | bit(OP_BITAND) | bi
 struct Scratch {
   std::string stripped;
   std::string pass_a, pass_b;
-  std::string number;             // a zero-terminated copy for strtod
   std::string result;             // one operation's printed result
   std::vector<std::string> groups;  // one text per open parenthesis
   std::vector<uint32_t> colon_of;   // per "?": its matching ":" or npos
@@ -144,24 +144,24 @@ uint32_t read_u32(std::string_view t) {
 
 void append_u32(std::string& out, uint32_t v) {
   char buf[16];
-  int n = std::snprintf(buf, sizeof buf, "%u", v);
-  out.append(buf, size_t(n));
+  auto res = std::to_chars(buf, buf + sizeof buf, v);
+  out.append(buf, res.ptr);
 }
 
 // Number kinds: reading, printing and arithmetic by overloading, so one
 // template serves both evaluators.
 void read_number(std::string_view t, double& out) {
-  std::string& s = scratch().number;
-  s.assign(t);
-  out = std::strtod(s.c_str(), nullptr);
+  bool negative = false;
+  if (!t.empty() && (t[0] == '-' || t[0] == '+')) {
+    negative = t[0] == '-';
+    t.remove_prefix(1);
+  }
+  // Only digits or "." may follow the sign, as for strtod.
+  out = !t.empty() && (is_digit(t[0]) || t[0] == '.') ? parse_unsigned_decimal(t, negative) : 0;
 }
 void read_number(std::string_view t, Decimal& out) { out = decimal_from_text(t); }
 
-void append_number(std::string& out, double d) {
-  char buf[400];  // "%.15lf" of the largest double needs 326 bytes
-  int n = std::snprintf(buf, sizeof buf, "%.15lf", d);
-  if (n > 0) out.append(buf, std::min(size_t(n), sizeof buf - 1));
-}
+void append_number(std::string& out, double d) { out += format_number(d); }
 void append_number(std::string& out, const Decimal& d) { out += decimal_to_text(d); }
 
 bool is_zero(double d) { return d == 0; }

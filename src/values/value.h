@@ -115,3 +115,6 @@ int compare_natural_nocase(std::string_view a, std::string_view b);
 // Number printing as pages see it: "%.15lf" and "%li".
 std::string format_number(double d);
 std::string format_integer(int64_t n);
+// Digits with an optional "." and fraction ("12", "3.5", ".5"), read as a
+// correctly rounded double; anything else reads as 0.
+double parse_unsigned_decimal(std::string_view digits, bool negative = false);
