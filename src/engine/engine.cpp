@@ -6,6 +6,7 @@
 
 #include "engine/output.h"
 #include "engine/report.h"
+#include "values/nocase.h"
 
 Engine engine;
 
@@ -83,13 +84,7 @@ bool tag_stack_return() {
 }
 
 bool tag_is(const ParsedTag* node, std::string_view name) {
-  if (!node || !node->is_tag || node->name.size() != name.size()) return false;
-  for (size_t i = 0; i < name.size(); ++i) {
-    if (std::toupper(static_cast<unsigned char>(node->name[i])) !=
-        std::toupper(static_cast<unsigned char>(name[i])))
-      return false;
-  }
-  return true;
+  return node && node->is_tag && equals_nocase(node->name, name);
 }
 
 const ParsedTag* find_block_end(const ParsedTag* from, std::string_view open, std::string_view close) {

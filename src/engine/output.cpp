@@ -11,6 +11,7 @@
 #include "engine/engine.h"
 #include "engine/report.h"
 #include "functions/encoders.h"
+#include "values/nocase.h"
 
 void write_stdout(std::string_view bytes) {
   // Written straight to the descriptor: the bytes go out exactly as they
@@ -58,15 +59,6 @@ void send_page() {
 // Helpers
 
 namespace {
-
-bool equals_nocase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-      return false;
-  }
-  return true;
-}
 
 std::string without(std::string_view text, std::string_view drop) {
   std::string out;

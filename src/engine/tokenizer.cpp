@@ -8,6 +8,8 @@
 // rewritten as it would have been had it been closed.
 #include "engine/tokenizer.h"
 
+#include "values/nocase.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -341,13 +343,7 @@ bool tokenize_file(const VarTable& table, const std::string& path, Chain* out) {
 
 const std::string* tag_option(const ParsedTag& tag, std::string_view name) {
   for (const TagOption& option : tag.options) {
-    if (option.name.size() != name.size()) continue;
-    bool same = true;
-    for (size_t i = 0; i < name.size() && same; ++i) {
-      same = std::toupper(static_cast<unsigned char>(option.name[i])) ==
-             std::toupper(static_cast<unsigned char>(name[i]));
-    }
-    if (same) return &option.value;
+    if (equals_nocase(option.name, name)) return &option.value;
   }
   return nullptr;
 }
