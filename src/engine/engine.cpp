@@ -185,6 +185,10 @@ std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
 
 }  // namespace
 
+namespace {
+std::string dispatch_from(const ParsedTag& tag, const ParsedTag& origin);
+}  // namespace
+
 std::string process_text(std::string_view text) {
   if (text.empty()) return {};
   if (!has_tag_start(names_for_read(), text)) return std::string(text);
@@ -216,7 +220,7 @@ bool process_node(const ParsedTag& node, std::string& out) {
     return true;
   }
   if (options_are_plain(node)) {
-    out = dispatch_tag(node);
+    out = dispatch_from(node, node);
     return true;
   }
   ParsedTag processed;
@@ -232,7 +236,7 @@ bool process_node(const ParsedTag& node, std::string& out) {
     done.value = process_option_text(opt.value, opt.value_chain);
     processed.options.push_back(std::move(done));
   }
-  if (!engine.abandon) out = dispatch_tag(processed);
+  if (!engine.abandon) out = dispatch_from(processed, node);
   return true;
 }
 
@@ -245,8 +249,12 @@ bool process_current_node(std::string& out) {
   return ok;
 }
 
-std::string dispatch_tag(const ParsedTag& tag) {
-  const TagHandler* entry = vartable_find(names_for_read(), tag.name);
+namespace {
+
+// Runs the handler of `tag`; `origin` is the page node it was processed
+// from, which remembers where its name stands in the table.
+std::string dispatch_from(const ParsedTag& tag, const ParsedTag& origin) {
+  const TagHandler* entry = vartable_find_for(*engine.names, origin);
   if (!entry) {
     std::string printed;
     print_node(nullptr, tag, printed);
@@ -259,6 +267,10 @@ std::string dispatch_tag(const ParsedTag& tag) {
     return std::move(result->bytes);
   return value_text(*result);
 }
+
+}  // namespace
+
+std::string dispatch_tag(const ParsedTag& tag) { return dispatch_from(tag, tag); }
 
 ValuePtr call_variable_tag(const ParsedTag& tag) {
   const TagHandler* entry = vartable_find(names_for_read(), tag.name);

@@ -109,7 +109,8 @@ std::string dispatch_tag(const ParsedTag& tag);
 // The value of a variable tag, or null when the name is not a variable.
 ValuePtr call_variable_tag(const ParsedTag& tag);
 
-// Block walks shared by block handlers: the first node after `from` that is
-// a tag named `close` while the nesting of `open`/`close` tags is zero.
+// Block walks shared by block handlers: the first node from `from` on
+// (`from` included) that is a tag named `close` while the nesting of
+// `open`/`close` tags is zero.
 const ParsedTag* find_block_end(const ParsedTag* from, std::string_view open, std::string_view close);
 bool tag_is(const ParsedTag* node, std::string_view name);

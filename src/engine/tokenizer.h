@@ -39,6 +39,10 @@ struct ParsedTag {
   // -1 not yet known, 1 when no option name or value holds a tag: such a
   // tag is its own processed form.
   mutable int8_t options_plain = -1;
+  // Where the name was last found in the name table (see vartable_find_for).
+  mutable const VarTable* found_in = nullptr;
+  mutable uint64_t found_version = 0;
+  mutable size_t found_at = 0;
 };
 
 // A chain owns its nodes; `next` links them in page order.

@@ -4,42 +4,31 @@
 #include <algorithm>
 #include <cctype>
 
+#include "engine/tokenizer.h"
 #include "values/level4.h"
+#include "values/nocase.h"
 
 namespace {
 
-// Every tag of every page is looked up here, so names are compared through
-// a fold table built once instead of calling toupper per byte.
-struct FoldTable {
-  std::array<unsigned char, 256> upper{};
-  FoldTable() {
-    for (int c = 0; c < 256; c++) upper[c] = static_cast<unsigned char>(std::toupper(c));
-  }
-};
-
-const FoldTable& fold() {
-  static const FoldTable table;
-  return table;
+uint64_t next_version() {
+  static uint64_t counter = 0;
+  return ++counter;
 }
 
-int compare_names(std::string_view a, std::string_view b) {
-  const auto& up = fold().upper;
-  size_t n = std::min(a.size(), b.size());
-  for (size_t i = 0; i < n; i++) {
-    unsigned char x = up[static_cast<unsigned char>(a[i])];
-    unsigned char y = up[static_cast<unsigned char>(b[i])];
-    if (x != y) return x < y ? -1 : 1;
-  }
-  if (a.size() == b.size()) return 0;
-  return a.size() < b.size() ? -1 : 1;
+// Names are kept with their upper-case fold, so a search folds the name it
+// looks for once and then compares plain bytes.
+std::string fold_name(std::string_view name) {
+  std::string key(name);
+  for (char& c : key) c = static_cast<char>(fold_upper(static_cast<unsigned char>(c)));
+  return key;
 }
 
-// First entry whose name is not below `name`.
-size_t lower_bound(const VarTable& table, std::string_view name) {
+// First entry whose key is not below `key`.
+size_t lower_bound(const VarTable& table, std::string_view key) {
   size_t lo = 0, hi = table.entries.size();
   while (lo < hi) {
     size_t mid = lo + (hi - lo) / 2;
-    if (compare_names(table.entries[mid].name, name) < 0) lo = mid + 1;
+    if (std::string_view(table.entries[mid].key) < key) lo = mid + 1;
     else hi = mid;
   }
   return lo;
@@ -47,8 +36,18 @@ size_t lower_bound(const VarTable& table, std::string_view name) {
 
 // Index of the entry named `name`, or the table size when absent.
 size_t find_index(const VarTable& table, std::string_view name) {
-  size_t at = lower_bound(table, name);
-  if (at < table.entries.size() && compare_names(table.entries[at].name, name) == 0) return at;
+  char small[64];
+  std::string large;
+  std::string_view key;
+  if (name.size() <= sizeof small) {
+    for (size_t i = 0; i < name.size(); ++i) small[i] = static_cast<char>(fold_upper(static_cast<unsigned char>(name[i])));
+    key = std::string_view(small, name.size());
+  } else {
+    large = fold_name(name);
+    key = large;
+  }
+  size_t at = lower_bound(table, key);
+  if (at < table.entries.size() && table.entries[at].key == key) return at;
   return table.entries.size();
 }
 
@@ -69,6 +68,7 @@ const CharClass& default_tag_start_class() {
 VarTablePtr vartable_new(const CharClass& tag_start) {
   auto table = std::make_shared<VarTable>();
   table->tag_start = tag_start;
+  table->version = next_version();
   return table;
 }
 
@@ -79,6 +79,7 @@ VarTablePtr vartable_copy(const VarTable& table) {
   for (const TableEntry& e : table.entries) {
     TableEntry& copy = out->entries.emplace_back();
     copy.name = e.name;
+    copy.key = e.key;
     copy.entry.kind = e.entry.kind;
     copy.entry.tag_class = e.entry.tag_class;
     copy.entry.handler = e.entry.handler;
@@ -89,15 +90,18 @@ VarTablePtr vartable_copy(const VarTable& table) {
 }
 
 void vartable_set(VarTable& table, std::string_view name, TagHandler entry) {
-  size_t at = lower_bound(table, name);
-  if (at < table.entries.size() && compare_names(table.entries[at].name, name) == 0) {
+  std::string key = fold_name(name);
+  size_t at = lower_bound(table, key);
+  if (at < table.entries.size() && table.entries[at].key == key) {
     table.entries[at].entry = std::move(entry);
     return;
   }
   TableEntry fresh;
   fresh.name = std::string(name);
+  fresh.key = std::move(key);
   fresh.entry = std::move(entry);
   table.entries.insert(table.entries.begin() + at, std::move(fresh));
+  table.version = next_version();
 }
 
 TagHandler* vartable_find(VarTable& table, std::string_view name) {
@@ -117,7 +121,19 @@ const std::string* vartable_stored_name(const VarTable& table, std::string_view 
 
 void vartable_remove(VarTable& table, std::string_view name) {
   size_t at = find_index(table, name);
-  if (at < table.entries.size()) table.entries.erase(table.entries.begin() + at);
+  if (at < table.entries.size()) {
+    table.entries.erase(table.entries.begin() + at);
+    table.version = next_version();
+  }
+}
+
+TagHandler* vartable_find_for(VarTable& table, const ParsedTag& node) {
+  if (node.found_in != &table || node.found_version != table.version) {
+    node.found_in = &table;
+    node.found_version = table.version;
+    node.found_at = find_index(table, node.name);
+  }
+  return node.found_at < table.entries.size() ? &table.entries[node.found_at].entry : nullptr;
 }
 
 TagHandler make_variable_entry() {

@@ -30,6 +30,7 @@ struct TagHandler {
 
 struct TableEntry {
   std::string name;  // spelling of the first insertion
+  std::string key;   // the name folded to upper case: the sort key
   TagHandler entry;
 };
 
@@ -38,6 +39,9 @@ using CharClass = std::array<uint8_t, 256>;
 struct VarTable {
   CharClass tag_start{};  // bytes that may begin a tag name
   std::vector<TableEntry> entries;  // sorted by name, case-insensitively
+  // Changes whenever an entry is added or removed (never reused across
+  // tables), so a remembered position can be checked cheaply.
+  uint64_t version = 0;
 };
 
 using VarTablePtr = std::shared_ptr<VarTable>;
@@ -52,6 +56,9 @@ VarTablePtr vartable_copy(const VarTable& table);
 void vartable_set(VarTable& table, std::string_view name, TagHandler entry);
 TagHandler* vartable_find(VarTable& table, std::string_view name);
 const TagHandler* vartable_find(const VarTable& table, std::string_view name);
+// The entry for a tag node's name, remembering its position in the node
+// while the table does not change.
+TagHandler* vartable_find_for(VarTable& table, const ParsedTag& node);
 // The stored spelling of `name`, or null when absent.
 const std::string* vartable_stored_name(const VarTable& table, std::string_view name);
 void vartable_remove(VarTable& table, std::string_view name);

@@ -46,7 +46,7 @@ TEST(Tokenizer, PrintsTagsInNormalForm) {
   EXPECT_EQ(reprint("<br>"), "<br>");
   EXPECT_EQ(reprint("<input  checked\ttype='x'>"), "<input checked type=\"'x'\">");
   VarTable table = plain_table();
-  table.entries.push_back({"CVVAR", {}});
+  vartable_set(table, "CVVAR", TagHandler{});
   Chain chain = cut("<cvvar var=x><other>");
   EXPECT_EQ(print_chain(&table, chain.head()), "<CVVAR var=\"x\"><other>");
 }
