@@ -294,6 +294,15 @@ bool recuts_identically(const ParsedTag& tag) {
   return true;
 }
 
+// True when the tokenizer would read "<text>" as one tag named `text`
+// without options: a tag-start byte first, and no byte that ends a name.
+bool is_bare_name(std::string_view text) {
+  if (text.empty() || !names_for_read().tag_start[static_cast<unsigned char>(text[0])]) return false;
+  for (char c : text)
+    if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
+  return true;
+}
+
 }  // namespace
 
 Value* level4_fail(std::string_view message) {
@@ -317,6 +326,15 @@ Value* level4_resolve(std::string_view text) {
   size_t skip = 0;
   while (skip < text.size() && is_space(text[skip])) skip++;
   text.remove_prefix(skip);
+  if (is_bare_name(text)) {
+    // "<name>" would cut into a tag with this name and no options; build
+    // that tag directly instead of printing and tokenizing it.
+    ParsedTag tag;
+    tag.is_tag = true;
+    tag.name.assign(text);
+    Reference ref{tag, text, std::string(text)};
+    return resolve(ref);
+  }
   std::string wrapped = "<" + std::string(text) + ">";
   const PageContext* ctx = current_context();
   uint32_t line = ctx && ctx->current_node ? ctx->current_node->line : 1;

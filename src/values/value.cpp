@@ -456,7 +456,53 @@ std::string format_number(double d) {
   return std::string(buf, std::min<size_t>(n, sizeof buf - 1));
 }
 
+namespace {
+
+// Digits with at most one ".", whose significant digits fit in 15 and whose
+// fraction (without trailing zeros) has at most 22 digits: the integer of
+// the digits and the power of ten are both exact doubles, so one division
+// gives the correctly rounded result, as from_chars would.  Most numbers
+// read back are printed "%.15lf" integers or short fractions.
+bool parse_short_decimal(std::string_view digits, double* out) {
+  static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                       1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                       1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  size_t point = digits.size();
+  size_t end = digits.size();
+  for (size_t i = 0; i < digits.size(); i++) {
+    char c = digits[i];
+    if (c == '.') {
+      if (point != digits.size()) return false;
+      point = i;
+    } else if (c < '0' || c > '9') {
+      return false;
+    }
+  }
+  if (point != digits.size())
+    while (end > point + 1 && digits[end - 1] == '0') end--;
+  size_t fraction = point < end ? end - point - 1 : 0;
+  if (fraction > 22) return false;
+  uint64_t n = 0;
+  unsigned significant = 0;
+  bool any_digit = false;
+  for (size_t i = 0; i < end; i++) {
+    if (i == point) continue;
+    any_digit = true;
+    unsigned d = static_cast<unsigned>(digits[i] - '0');
+    if (n == 0 && d == 0) continue;
+    if (++significant > 15) return false;
+    n = n * 10 + d;
+  }
+  if (!any_digit) return false;
+  *out = static_cast<double>(n) / kPowers[fraction];
+  return true;
+}
+
+}  // namespace
+
 double parse_unsigned_decimal(std::string_view digits, bool negative) {
+  double quick;
+  if (parse_short_decimal(digits, &quick)) return negative ? -quick : quick;
   // from_chars rounds correctly like strtod and is several times faster;
   // only numbers beyond the double range go the slow way (to infinity).
   double d = 0;

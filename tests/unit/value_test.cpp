@@ -355,3 +355,35 @@ TEST(Compare, BytesAndNatural) {
 }
 
 }  // namespace
+
+namespace {
+
+// Reading digits back must round exactly like strtod, whether the number
+// is short enough for the quick reading or not.
+TEST(ValueNumber, ParseMatchesStrtod) {
+  std::mt19937_64 rng(7);
+  std::vector<std::string> samples = {"0", "000", "0.000000000000000", ".5", "5.", "123456789012345",
+                                      "1234567890123456", "999999999999999.9", "0.1", "0.3",
+                                      "31.625000000000000", "0.0000000000000000000001",
+                                      "0.00000000000000000000001", "9007199254740993"};
+  char buf[64];
+  for (int i = 0; i < 20000; i++) {
+    int digits = static_cast<int>(rng() % 20) + 1;
+    int point = static_cast<int>(rng() % (digits + 1));
+    std::string s;
+    for (int k = 0; k < digits; k++) {
+      if (k == point) s += '.';
+      s += static_cast<char>('0' + rng() % 10);
+    }
+    samples.push_back(s);
+    std::snprintf(buf, sizeof buf, "%.15lf", static_cast<double>(rng() % 100000000) / 1024);
+    samples.push_back(buf);
+  }
+  for (const std::string& s : samples) {
+    double expected = std::strtod(s.c_str(), nullptr);
+    ASSERT_EQ(expected, parse_unsigned_decimal(s)) << s;
+    ASSERT_EQ(-expected, parse_unsigned_decimal(s, true)) << s;
+  }
+}
+
+}  // namespace
