@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "values/expression.h"
@@ -408,6 +409,54 @@ bool is_plain_number(std::string_view t) {
   return unsigned_number_length(t, sign) + sign == t.size();
 }
 
+// A result that "%.15lf" prints as its integer is read back unchanged.
+bool survives_print(double d) { return d == std::trunc(d) && std::fabs(d) < 1e15 && !(d == 0 && std::signbit(d)); }
+
+// "number operator number" with one binary operator, the commonest shape in
+// loops and conditions.  The passes would rewrite it into the operation's
+// printed result and read that back, which is what this does without
+// building each pass's text.  False for any other shape.
+template <typename Num>
+bool evaluate_single(std::string_view t, Num& out) {
+  Token left = lex(t, 0);
+  if (!left.number || left.len >= t.size()) return false;
+  Token op = lex(t, left.len);
+  if (op.number || op.op == OP_OTHER || op.op == OP_NOT || op.op == OP_BITNOT) return false;
+  size_t rpos = left.len + op.len;
+  if (rpos >= t.size()) return false;
+  Token right = lex(t, rpos);
+  if (!right.number || rpos + right.len != t.size()) return false;
+  std::string_view a = t.substr(0, left.len), b = t.substr(rpos);
+  if (!(bit(op.op) & kIntegerOps) && op.op >= OP_LT) {
+    Num x, y;
+    read_number(a, x);
+    read_number(b, y);
+    read_number(relation(op.op, x, y) ? "1" : "0", out);
+    return true;
+  }
+  if constexpr (std::is_same_v<Num, double>) {
+    if (!(bit(op.op) & kIntegerOps)) {
+      double x, y, r = 0;
+      read_number(a, x);
+      read_number(b, y);
+      if (!arithmetic(op.op, x, y, r)) {
+        eval_status = EVAL_DIVISION_BY_ZERO;
+        out = 0;
+        return true;
+      }
+      if (survives_print(r)) {
+        out = r;
+        return true;
+      }
+    }
+  }
+  std::string& result = scratch().result;
+  result.clear();
+  operate<Num>(op.op, a, b, result);
+  out = read_leading_number<Num>(result);
+  return true;
+}
+
 template <typename Num>
 Num evaluate(std::string_view text) {
   Scratch& s = scratch();
@@ -420,6 +469,8 @@ Num evaluate(std::string_view text) {
     read_number(t, n);
     return n;
   }
+  Num single;
+  if (evaluate_single<Num>(t, single)) return single;
   if (t.find_first_of("()") == std::string_view::npos) return evaluate_flat<Num>(t);
 
   // Parentheses: a stack of texts, one per open group; a closed group is

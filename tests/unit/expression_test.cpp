@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 
 namespace {
@@ -183,6 +184,41 @@ TEST(ExpressionTest, Truth) {
   EXPECT_TRUE(numeric);
   expr_value_truth(*value_from_string("1"), &numeric);
   EXPECT_FALSE(numeric);
+}
+
+}  // namespace
+
+namespace {
+
+// One operator between two numbers: the result is the operation's printed
+// "%.15lf" form read back, exactly as when the same operation stands
+// inside longer text.
+TEST(ExpressionTest, SingleOperation) {
+  EXPECT_EQ(3.5, expr_eval_double("7 / 2"));
+  EXPECT_EQ(0.333333333333333, expr_eval_double("1/3"));
+  EXPECT_EQ(expr_eval_double("1/3"), expr_eval_double("1/3+0"));
+  EXPECT_EQ(0.3, expr_eval_double("0.1+0.2"));
+  EXPECT_EQ(-3, expr_eval_double("5-8"));
+  EXPECT_EQ(13, expr_eval_double("5--8"));
+  EXPECT_EQ(-40, expr_eval_double("5*-8"));
+  EXPECT_EQ(1, expr_eval_double("5000.000000000000000 < 10000"));
+  EXPECT_EQ(0, expr_eval_double("2>=3"));
+  EXPECT_EQ(1, expr_eval_double("2!=3"));
+  EXPECT_EQ(2, expr_eval_double("6.7 & 3"));
+  EXPECT_EQ(-1, expr_eval_double("-7 % 3"));
+  EXPECT_EQ(EVAL_OK, eval_status);
+  // -0 prints with its sign and is read back negative.
+  EXPECT_TRUE(std::signbit(expr_eval_double("-0 * 1")));
+  // Beyond 1e15 the fifteen decimals are printed and read back.
+  EXPECT_EQ(1e200 * 1e10, expr_eval_double("1" + std::string(200, '0') + " * 10000000000"));
+  // Infinity prints as a word, which reads back as 0.
+  EXPECT_EQ(0, expr_eval_double("1" + std::string(300, '0') + " * 10000000000"));
+  EXPECT_EQ(0, expr_eval_double("5 % 0"));
+  EXPECT_EQ(EVAL_DIVISION_BY_ZERO, eval_status);
+  EXPECT_EQ(0, expr_eval_double("5 +"));
+  EXPECT_EQ(EVAL_ILLEGAL_OPERATOR, eval_status);
+  EXPECT_EQ(0, decimal_compare(expr_eval_decimal("5 / 2"), decimal_from_text("2.5")));
+  EXPECT_EQ("1", dec("5 > 2"));
 }
 
 }  // namespace
