@@ -6,6 +6,7 @@
 
 #include "engine/output.h"
 #include "engine/report.h"
+#include "values/level4.h"
 #include "values/nocase.h"
 
 Engine engine;
@@ -261,6 +262,11 @@ std::string dispatch_from(const ParsedTag& tag, const ParsedTag& origin) {
     return printed;
   }
   TagHandlerFn handler = entry->handler;
+  if (handler == level4_handler) {
+    std::string printed;
+    level4_print(tag, printed);
+    return printed;
+  }
   ValuePtr result = handler ? handler(tag) : nullptr;
   if (!result) return {};
   if (result->type == VT_STRING && result->start == 0 && result->end == result->bytes.size())

@@ -356,7 +356,10 @@ Value* level4_resolve_tag(const ParsedTag& tag) {
   return resolve(ref);
 }
 
-ValuePtr level4_handler(const ParsedTag& tag) {
+namespace {
+
+// The value a variable tag selects, or null after the report.
+Value* select_for_tag(const ParsedTag& tag) {
   Value* v;
   if (recuts_identically(tag)) {
     v = level4_resolve_tag(tag);
@@ -367,9 +370,24 @@ ValuePtr level4_handler(const ParsedTag& tag) {
     if (inner.size() >= 2) inner = inner.substr(1, inner.size() - 2);
     v = level4_resolve(inner);
   }
-  if (!v) {
-    report_error(tag, kHandlerFailed);
-    return value_new();
-  }
-  return value_copy(*v);
+  if (!v) report_error(tag, kHandlerFailed);
+  return v;
+}
+
+}  // namespace
+
+ValuePtr level4_handler(const ParsedTag& tag) {
+  Value* v = select_for_tag(tag);
+  return v ? value_copy(*v) : value_new();
+}
+
+void level4_print(const ParsedTag& tag, std::string& out) {
+  Value* v = select_for_tag(tag);
+  if (!v) return;
+  // A scalar's copy prints exactly like the scalar; containers and query
+  // results go through the copy the handler would return.
+  bool scalar = v->type == VT_EMPTY || v->type == VT_INTEGER || v->type == VT_DECIMAL ||
+                v->type == VT_STRING || v->type == VT_NUMBER;
+  if (scalar) out = value_text(*v);
+  else out = value_text(*value_copy(*v));
 }

@@ -16,3 +16,6 @@ Value* level4_resolve(std::string_view text);
 Value* level4_resolve_tag(const ParsedTag& tag);
 // Handler of every variable entry: a copy of the selected value.
 ValuePtr level4_handler(const ParsedTag& tag);
+// What the engine prints for a variable tag: the text of the value
+// level4_handler would return, without making that copy.
+void level4_print(const ParsedTag& tag, std::string& out);
