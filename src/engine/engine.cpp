@@ -50,6 +50,74 @@ std::unique_ptr<PageContext> new_context(const PageContext* parent) {
   return ctx;
 }
 
+// Contexts of processed texts, kept when they end: an option processed on
+// every pass of a loop then reuses one, with its path strings' storage,
+// instead of allocating a context and three paths each time.
+std::vector<std::unique_ptr<PageContext>> spare_contexts;
+constexpr size_t kMaxSpareContexts = 32;
+
+std::unique_ptr<PageContext> new_text_context(const PageContext* parent) {
+  if (spare_contexts.empty()) {
+    auto ctx = new_context(parent);
+    ctx->text_only = true;
+    if (parent) {
+      ctx->directory = parent->directory;
+      ctx->file_name = parent->file_name;
+      ctx->full_path = parent->full_path;
+    }
+    return ctx;
+  }
+  std::unique_ptr<PageContext> ctx = std::move(spare_contexts.back());
+  spare_contexts.pop_back();
+  std::string directory = std::move(ctx->directory);
+  std::string file_name = std::move(ctx->file_name);
+  std::string full_path = std::move(ctx->full_path);
+  *ctx = PageContext{};
+  ctx->start_ms = now_ms();
+  if (parent) {
+    ctx->output_mode = parent->output_mode;
+    ctx->debug = parent->debug;
+    directory.assign(parent->directory);
+    file_name.assign(parent->file_name);
+    full_path.assign(parent->full_path);
+  } else {
+    ctx->output_mode = engine.settings.default_output_mode;
+    ctx->debug = engine.settings.default_debug;
+    directory.clear();
+    file_name.clear();
+    full_path.clear();
+  }
+  ctx->directory = std::move(directory);
+  ctx->file_name = std::move(file_name);
+  ctx->full_path = std::move(full_path);
+  ctx->text_only = true;
+  return ctx;
+}
+
+void keep_text_context(std::unique_ptr<PageContext> ctx) {
+  if (spare_contexts.size() >= kMaxSpareContexts) return;
+  // Let go of what the context shares with others now, not at its reuse.
+  ctx->chain.reset();
+  ctx->saved_table.reset();
+  spare_contexts.push_back(std::move(ctx));
+}
+
+// Output buffers of processed texts, kept for reuse in the same way.
+std::vector<DynStringPtr> spare_bodies;
+
+DynStringPtr new_text_body() {
+  static const DynStringPtr fresh = dyn_new();
+  if (spare_bodies.empty() || !fresh) return dyn_new();
+  DynStringPtr body = std::move(spare_bodies.back());
+  spare_bodies.pop_back();
+  *body = *fresh;  // the state of a new buffer
+  return body;
+}
+
+void keep_text_body(DynStringPtr body) {
+  if (body && spare_bodies.size() < kMaxSpareContexts) spare_bodies.push_back(std::move(body));
+}
+
 }  // namespace
 
 void context_push() {
@@ -65,7 +133,11 @@ void context_pop() {
   std::unique_ptr<PageContext> ctx = std::move(engine.contexts.back());
   engine.contexts.pop_back();
   PageContext* parent = current_context();
-  if (ctx->text_only || !parent) return;
+  if (ctx->text_only) {
+    keep_text_context(std::move(ctx));
+    return;
+  }
+  if (!parent) return;
   if (ctx->local_scope) engine.names = parent->saved_table;  // changes are dropped
   parent->saved_table.reset();
 }
@@ -135,16 +207,9 @@ void advance(PageContext* ctx) {
 // Runs a chain of option or sub-page text in a context of its own that
 // shares the name table, collecting every output whatever the output mode.
 std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
-  PageContext* parent = current_context();
-  auto ctx = new_context(parent);
-  ctx->text_only = true;
+  auto ctx = new_text_context(current_context());
   ctx->chain = chain;
   ctx->first_node = ctx->current_node = chain->head();
-  if (parent) {
-    ctx->directory = parent->directory;
-    ctx->file_name = parent->file_name;
-    ctx->full_path = parent->full_path;
-  }
   PageContext* own = ctx.get();
   size_t depth = engine.contexts.size();
   engine.contexts.push_back(std::move(ctx));
@@ -152,7 +217,7 @@ std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
   // Tags that write to the body themselves (CVBINARY ...) write into this
   // text's output while it is processed.
   DynStringPtr saved_body = std::move(engine.body);
-  engine.body = dyn_new();
+  engine.body = new_text_body();
 
   std::string out;
   while (!engine.stop && !engine.abandon) {
@@ -179,7 +244,8 @@ std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
   context_pop();
 
   std::string result;
-  if (!engine.abandon) result = dyn_take(std::move(engine.body));
+  if (!engine.abandon && engine.body) result = std::move(engine.body->data);
+  keep_text_body(std::move(engine.body));
   engine.body = std::move(saved_body);
   return result;
 }
