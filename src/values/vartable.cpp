@@ -46,8 +46,26 @@ size_t find_index(const VarTable& table, std::string_view name) {
     large = fold_name(name);
     key = large;
   }
+  // Pages look the same few names up over and over (a loop's variables);
+  // a small memo of recent finds, checked against the table's version and
+  // the entry's key, skips the binary search for them.
+  struct Memo {
+    const VarTable* table = nullptr;
+    uint64_t version = 0;
+    size_t index = 0;
+  };
+  static Memo memo[16];
+  size_t hash = key.size();
+  for (char c : key) hash = hash * 31 + static_cast<unsigned char>(c);
+  Memo& slot = memo[hash % std::size(memo)];
+  if (slot.table == &table && slot.version == table.version && slot.index < table.entries.size() &&
+      table.entries[slot.index].key == key)
+    return slot.index;
   size_t at = lower_bound(table, key);
-  if (at < table.entries.size() && table.entries[at].key == key) return at;
+  if (at < table.entries.size() && table.entries[at].key == key) {
+    slot = Memo{&table, table.version, at};
+    return at;
+  }
   return table.entries.size();
 }
 
