@@ -204,6 +204,18 @@ void advance(PageContext* ctx) {
     ctx->current_node = ctx->current_node->next;
 }
 
+// Appends a node's output to a text's buffer.  Most option texts have one
+// node with output, which then becomes the buffer's content without a copy.
+void put_output(DynString* body, std::string& out) {
+  if (body && body->forward && body->pos == 0 && body->data.empty() && dyn_can_write(body)) {
+    body->data.swap(out);
+    body->pos = static_cast<uint32_t>(body->data.size());
+    body->at_end = 0;
+    return;
+  }
+  dyn_puts(body, out);
+}
+
 // Runs a chain of option or sub-page text in a context of its own that
 // shares the name table, collecting every output whatever the output mode.
 std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
@@ -234,7 +246,7 @@ std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
       engine.stop = true;
       break;
     }
-    if (!out.empty()) dyn_puts(engine.body.get(), out);
+    if (!out.empty()) put_output(engine.body.get(), out);
     advance(current_context());
   }
   while (engine.contexts.size() > depth + 1) {
