@@ -457,6 +457,88 @@ bool evaluate_single(std::string_view t, Num& out) {
   return true;
 }
 
+// Text of numbers and binary operators only: the passes done on a list of
+// tokens instead of on text.  A result stands where its left operand stood
+// and, being one number ending in a digit, reads back as that one token, so
+// every later pass sees the tokens the text passes would cut.  False, with
+// the status as it was, for another shape, and the text passes run.
+template <typename Num>
+bool evaluate_tokens(std::string_view t, Num& out) {
+  struct Item {
+    bool number;
+    Op op;
+    std::string_view text;
+  };
+  static std::vector<Item> items, next;
+  static std::vector<std::string> results;  // storage of computed numbers
+  items.clear();
+  for (size_t pos = 0; pos < t.size();) {
+    Token tok = lex(t, pos);
+    if (!tok.number && (tok.op == OP_OTHER || tok.op == OP_NOT || tok.op == OP_BITNOT)) return false;
+    items.push_back(Item{tok.number, tok.op, t.substr(pos, tok.len)});
+    pos += tok.len;
+  }
+  uint8_t status = eval_status;
+  size_t used = 0;
+  // One result per operator at most; sized first so that no result moves.
+  if (results.size() < items.size()) results.resize(items.size());
+  auto store = [&](std::string_view text) -> std::string_view {
+    results[used] = text;
+    return results[used++];
+  };
+  for (uint32_t ops : kLevels) {
+    bool any = false;
+    for (const Item& item : items)
+      if (!item.number && (bit(item.op) & ops)) any = true;
+    if (!any) continue;
+    next.clear();
+    constexpr size_t kNone = SIZE_MAX;
+    size_t left = kNone;
+    for (size_t i = 0; i < items.size(); i++) {
+      const Item& item = items[i];
+      if (item.number || !(bit(item.op) & ops)) {
+        left = item.number ? next.size() : kNone;
+        next.push_back(item);
+        continue;
+      }
+      // A missing operand is replaced by 0 in the text, which may then read
+      // differently (a "-" before it becomes a sign): the text passes
+      // handle that.  So do they a result that is not one number.
+      bool right = i + 1 < items.size() && items[i + 1].number;
+      if (left == kNone || !right) {
+        eval_status = status;
+        return false;
+      }
+      std::string& result = scratch().result;
+      result.clear();
+      if constexpr (std::is_same_v<Num, double>) {
+        // A whole result below 1e15 would print as "N.000000000000000";
+        // "N" reads back the same, as a number and as an integer.
+        double x, y, r;
+        if (!(bit(item.op) & kIntegerOps) && item.op < OP_LT) {
+          read_number(next[left].text, x);
+          read_number(items[i + 1].text, y);
+          if (arithmetic(item.op, x, y, r) && survives_print(r)) {
+            char buf[24];
+            result.append(buf, std::to_chars(buf, buf + sizeof buf, static_cast<int64_t>(r)).ptr);
+          }
+        }
+      }
+      if (result.empty()) operate<Num>(item.op, next[left].text, items[i + 1].text, result);
+      Token whole = result.empty() ? Token{} : lex(result, 0);
+      if (!whole.number || whole.len != result.size()) {
+        eval_status = status;
+        return false;
+      }
+      next[left].text = store(result);
+      i++;
+    }
+    items.swap(next);
+  }
+  out = read_leading_number<Num>(items.empty() || !items[0].number ? std::string_view() : items[0].text);
+  return true;
+}
+
 template <typename Num>
 Num evaluate(std::string_view text) {
   Scratch& s = scratch();
@@ -471,6 +553,7 @@ Num evaluate(std::string_view text) {
   }
   Num single;
   if (evaluate_single<Num>(t, single)) return single;
+  if (t.find_first_of("()?:") == std::string_view::npos && evaluate_tokens<Num>(t, single)) return single;
   if (t.find_first_of("()") == std::string_view::npos) return evaluate_flat<Num>(t);
 
   // Parentheses: a stack of texts, one per open group; a closed group is
