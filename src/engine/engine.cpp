@@ -216,9 +216,22 @@ void put_output(DynString* body, std::string& out) {
   dyn_puts(body, out);
 }
 
+// Every level of tags inside option values is a context, a few C++ frames
+// and a copy of the remaining text; deeper pages are refused before the
+// stack or the memory runs out.
+constexpr size_t kMaxContextDepth = 200;
+
 // Runs a chain of option or sub-page text in a context of its own that
 // shares the name table, collecting every output whatever the output mode.
 std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
+  if (engine.contexts.size() >= kMaxContextDepth) {
+    const PageContext* outer = current_context();
+    if (outer && outer->current_node)
+      report_error(*outer->current_node, "Tags are nested more than 200 levels deep in option values and "
+                                         "included pages.  See the Corvane documentation for details.");
+    engine.stop = true;
+    return {};
+  }
   auto ctx = new_text_context(current_context());
   ctx->chain = chain;
   ctx->first_node = ctx->current_node = chain->head();
