@@ -3,7 +3,10 @@
 //
 // Pages may loop for ever, so each run stops after a bounded number of tags.
 // Pages run with the fuzzer's working directory and may read files through
-// CVINCLUDE; run the fuzzer from a scratch directory.
+// CVINCLUDE.  Inputs that name the tags that change files, sleep or open
+// connections (CVFILE, CV-API, CVWEB) are skipped, so a run cannot delete
+// files or stall; a page that builds such a name in a variable and runs it
+// with CVINCLUDE var= could still reach them, so fuzz as an unprivileged user.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "engine/startup.h"
 
@@ -21,6 +25,15 @@ namespace {
 constexpr uint32_t kTagLimit = 3000;
 
 std::string page_path;
+
+bool names_side_effect_tag(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  for (std::string_view name : {"cvfile", "cv-api", "cvweb"}) {
+    if (lower.find(name) != std::string::npos) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -40,6 +53,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (names_side_effect_tag(std::string_view(reinterpret_cast<const char*>(data), size))) return 0;
   FILE* f = std::fopen(page_path.c_str(), "wb");
   if (!f) return 0;
   size_t written = std::fwrite(data, 1, size, f);
