@@ -6,6 +6,7 @@
 #include "tags/conditionals.h"
 #include "tags/loops.h"
 #include "tags/variable_tags.h"
+#include "values/convert_list.h"
 
 namespace {
 
@@ -37,6 +38,8 @@ const BuiltinRow kBuiltinRows[] = {
     {"/CVVAR", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVWEB", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVWHILE", CLASS_STATEMENT, cvwhile_close_handler},
+    {"CV-CONVERT", CLASS_FUNCTION, cvconvert_handler},
+    {"CV-LIST", CLASS_FUNCTION, cvlist_handler},
     {"CVBINARY", CLASS_STATEMENT, cvbinary_handler},
     {"CVDEBUG", CLASS_STATEMENT, cvdebug_handler},
     {"CVDIRECT", CLASS_STATEMENT, cvdirect_handler},
