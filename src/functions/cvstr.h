@@ -1,0 +1,12 @@
+// CV-STR: the string function tag, one operation chosen by "function".
+#pragma once
+
+#include <string_view>
+
+#include "engine/tokenizer.h"
+#include "values/value.h"
+
+// <CV-STR function=name ...>: see the function table in cvstr.cpp.
+ValuePtr cvstr_handler(const ParsedTag& tag);
+// The code of a function name (compared without regard to case), or -1.
+int cvstr_function_code(std::string_view name);
