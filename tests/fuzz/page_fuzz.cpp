@@ -24,7 +24,13 @@ namespace {
 // Enough for loops to run a while, few enough that a run stays fast.
 constexpr uint32_t kTagLimit = 3000;
 
+std::string scratch_dir;
 std::string page_path;
+
+void remove_scratch() {
+  ::unlink(page_path.c_str());
+  ::rmdir(scratch_dir.c_str());
+}
 
 bool names_side_effect_tag(std::string_view text) {
   std::string lower(text);
@@ -40,7 +46,9 @@ bool names_side_effect_tag(std::string_view text) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char dir_template[] = "/tmp/cvml_page_fuzz_XXXXXX";
   if (!::mkdtemp(dir_template)) std::abort();
-  page_path = std::string(dir_template) + "/page.cvm";
+  scratch_dir = dir_template;
+  page_path = scratch_dir + "/page.cvm";
+  std::atexit(remove_scratch);
   set_tag_limit_for_runs(kTagLimit);
   for (const char* name : {"DOCUMENT_ROOT", "QUERY_STRING", "HTTP_COOKIE", "REQUEST_METHOD"}) ::unsetenv(name);
   ::setenv("QUERY_STRING", "a=1&b=two&a=3", 1);

@@ -31,6 +31,12 @@ const char kPage[] =
     "<HTTPCOOKIE>|<HTTPCOOKIE getsizey>|<HTTPCOOKIE hash=\"a\">\n"
     "<CGI hash=\"QUERY_STRING\">|<ARGV getsizex>\n";
 
+void remove_scratch() {
+  ::unlink(page_path.c_str());
+  ::unlink(body_path.c_str());
+  ::rmdir(scratch_dir.c_str());
+}
+
 bool write_file(const std::string& path, std::string_view bytes) {
   FILE* f = std::fopen(path.c_str(), "wb");
   if (!f) return false;
@@ -98,6 +104,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   page_path = scratch_dir + "/page.cvm";
   body_path = scratch_dir + "/body";
   if (!write_file(page_path, kPage)) std::abort();
+  std::atexit(remove_scratch);
   ::unsetenv("DOCUMENT_ROOT");
   ::unsetenv("HTTP_CONTENT_LENGTH");
   // The pages' output is of no interest; the fuzzer reports on stderr.
