@@ -260,15 +260,16 @@ ValuePtr run_regex(const ParsedTag& tag) {
   return value_from_integer(1);
 }
 
-// A list (or a scalar) becomes one row whose cells are sorted; a table or
-// hash keeps its rows whole and is sorted by the text of each row's first
-// cell, so a hash sorts by key.
+// A list (or a scalar) becomes one row whose cells are sorted, and so is a
+// one-row array (a list sorted before).  A hash, or an array of several rows,
+// keeps its rows whole and is sorted by the text of each row's first cell,
+// so a hash sorts by key.
 ValuePtr run_sort(const ParsedTag& tag, Value* v) {
   int fold = case_choice(tag);
   if (fold < 0) return nothing();
   bool natural = tag_option(tag, "natural") != nullptr;
-  bool by_rows = v->type == VT_ARRAY || v->type == VT_HASH;
   ValuePtr array = value_to_array(*v);
+  bool by_rows = v->type == VT_HASH || (v->type == VT_ARRAY && array->rows.size() > 1);
   std::vector<std::string> texts;
   std::vector<size_t> order;
   if (by_rows) {
