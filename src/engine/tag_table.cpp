@@ -2,6 +2,7 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
+#include "functions/cvmath.h"
 #include "functions/cvstr.h"
 #include "tags/composition.h"
 #include "tags/conditionals.h"
@@ -41,6 +42,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"/CVWHILE", CLASS_STATEMENT, cvwhile_close_handler},
     {"CV-CONVERT", CLASS_FUNCTION, cvconvert_handler},
     {"CV-LIST", CLASS_FUNCTION, cvlist_handler},
+    {"CV-MATH", CLASS_FUNCTION, cvmath_handler},
     {"CV-STR", CLASS_FUNCTION, cvstr_handler},
     {"CVBINARY", CLASS_STATEMENT, cvbinary_handler},
     {"CVDEBUG", CLASS_STATEMENT, cvdebug_handler},
