@@ -65,6 +65,11 @@ check_page form_post "form posts back and shows the values" "<h2>Received</h2>" 
   "<td>Ada Lovelace</td>" "<td>green</td>"
 has form_post "Nothing posted yet" && fail "form after posting still shows the empty-form text"
 
+# Posted markup comes back escaped, not as markup.
+fetch form_markup form.cvm --data 'name=%3Cb%3Ebold%3C%2Fb%3E&colour=%22red%22'
+check_page form_markup "posted markup is escaped" "<td>&lt;b&gt;bold&lt;/b&gt;</td>" "<td>&quot;red&quot;</td>"
+has form_markup "<b>bold</b>" && fail "posted markup came back unescaped"
+
 fetch table table.cvm
 check_page table "table page builds the rows with a loop" "Letter table" '<tr class="even">' \
   "<td>A</td><td>a</td>" "<td>Z</td><td>z</td>"
