@@ -220,7 +220,7 @@ std::string quote_double(std::string_view bytes, char quote, int flags) {
     out += c;
     if (c == quote) out += c;
   }
-  if ((flags & QUOTE_NOTNULL) && out.empty()) out = " ";
+  if ((flags & QUOTE_NOTNULL) && out.empty()) out.push_back(' ');
   if (flags & QUOTE_APPEND_NUL) out += '\0';
   return out;
 }
