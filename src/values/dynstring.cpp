@@ -1,6 +1,8 @@
 // Growable in-memory byte stream.
 #include "values/dynstring.h"
 
+#include <sys/stat.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -188,6 +190,9 @@ std::string dyn_getline(DynString* d) {
 }
 
 DynStringPtr dyn_load_file(const std::string& path) {
+  // Only regular files: a device such as /dev/zero would be read for ever.
+  struct stat info;
+  if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return nullptr;
   FILE* file = std::fopen(path.c_str(), "rb");
   if (!file) return nullptr;
   std::string bytes;

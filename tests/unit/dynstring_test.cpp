@@ -150,6 +150,8 @@ TEST(DynString, CloneIsIndependent) {
 
 TEST(DynString, LoadFile) {
   EXPECT_EQ(nullptr, dyn_load_file("/nonexistent/file"));
+  EXPECT_EQ(nullptr, dyn_load_file("/dev/zero"));  // never ends
+  EXPECT_EQ(nullptr, dyn_load_file("/tmp"));
   std::string path = ::testing::TempDir() + "dyn_load.bin";
   {
     std::ofstream out(path, std::ios::binary);
