@@ -35,8 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const VarTable table = [] {
     VarTable t;
     t.tag_start = default_tag_start_class();
-    t.entries.push_back({"CVIF", {}});
-    t.entries.push_back({"CVVAR", {}});
+    vartable_set(t, "CVIF", TagHandler{});
+    vartable_set(t, "CVVAR", TagHandler{});
     return t;
   }();
   std::string_view text(reinterpret_cast<const char*>(data), size);
