@@ -1,0 +1,79 @@
+// CV-TIME: option checks and the three uses of the tag (now, format, parse).
+#include "functions/cvtime.h"
+
+#include <cstdlib>
+#include <string>
+
+#include "engine/engine.h"
+#include "engine/report.h"
+#include "functions/dates.h"
+#include "values/decimal.h"
+#include "values/expression.h"
+#include "values/level4.h"
+#include "values/nocase.h"
+
+namespace {
+
+constexpr std::string_view kTimeframe =
+    "CV-TIME requires the 'timeframe' option to be 'GMT' or 'local'.  See the Corvane documentation for details.";
+constexpr std::string_view kNotNumber = "CV-TIME requires the 'value' option to be either a blank string or a number.";
+constexpr std::string_view kBadSerial =
+    "CV-TIME requires 'var' to be a valid ODBC-compliant number.  See the Corvane documentation for details.";
+constexpr std::string_view kNotObtained =
+    "An error occurred in obtaining the CV-TIME variable.  See the diagnostic message above for details.";
+
+ValuePtr fail(const ParsedTag& tag, std::string_view message) {
+  report_error(tag, message);
+  return value_new();
+}
+
+std::string without_blanks(std::string_view text) {
+  std::string out;
+  for (char c : text)
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
+  return out;
+}
+
+// The serial in `value`: a decimal number is read through its text; an
+// integer counts as the whole number it is.
+bool serial_from(const Value& v, double* out) {
+  switch (v.type) {
+    case VT_NUMBER: *out = v.number; return true;
+    case VT_INTEGER: *out = v.integer; return true;
+    case VT_DECIMAL: *out = std::strtod(decimal_to_text(v.decimal).c_str(), nullptr); return true;
+    default: return false;
+  }
+}
+
+}  // namespace
+
+ValuePtr cvtime_handler(const ParsedTag& tag) {
+  bool local = false;
+  if (const std::string* frame = tag_option(tag, "timeframe")) {
+    std::string word = without_blanks(*frame);
+    if (equals_nocase(word, "local")) local = true;
+    else if (!equals_nocase(word, "GMT")) return fail(tag, kTimeframe);
+  }
+  const std::string* var = tag_option(tag, "var");
+  const std::string* value = tag_option(tag, "value");
+  const std::string* format = tag_option(tag, "format");
+
+  if (!var) {
+    if (!value) return value_from_number(date_now());
+    if (!format) return fail(tag, option_required_message("CV-TIME", "format"));
+    ValuePtr result = expr_evaluate(*value);
+    if (engine.stop) return value_new();
+    double serial = 0;
+    if (!result || !serial_from(*result, &serial)) return fail(tag, kNotNumber);
+    std::optional<std::string> text = date_format(serial, local, *format);
+    if (!text) return fail(tag, kBadSerial);
+    return value_from_string(std::move(*text));
+  }
+
+  Value* source = level4_resolve(*var);
+  if (!source) return fail(tag, kNotObtained);
+  // Read before anything else can move the variable.
+  std::string text = value_text(*source);
+  if (!format) return fail(tag, option_required_message("CV-TIME", "format"));
+  return value_from_number(date_parse(text, local, *format));
+}
