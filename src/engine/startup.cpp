@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "db/cvquery.h"
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
@@ -224,6 +225,7 @@ int cvml_main(int argc, char** argv, char** envp) {
 
   run_pages();
   send_page();
+  database_shutdown();
   decimal_engine_stop();
   return 0;
 }

@@ -1,4 +1,5 @@
 // The built-in rows of the name table.
+#include "db/cvquery.h"
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
@@ -36,6 +37,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"/CVINCLUDE", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVLOCATION", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVMLMODE", CLASS_STATEMENT, unneeded_tag_handler},
+    {"/CVQUERY", CLASS_STATEMENT, cvquery_close_handler},
     {"/CVRESTART", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVUNVAR", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVVAR", CLASS_STATEMENT, unneeded_tag_handler},
@@ -44,6 +46,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"CV-CONVERT", CLASS_FUNCTION, cvconvert_handler},
     {"CV-LIST", CLASS_FUNCTION, cvlist_handler},
     {"CV-MATH", CLASS_FUNCTION, cvmath_handler},
+    {"CV-ROWSEEK", CLASS_FUNCTION, cvrowseek_handler},
     {"CV-STR", CLASS_FUNCTION, cvstr_handler},
     {"CV-TIME", CLASS_FUNCTION, cvtime_handler},
     {"CVBINARY", CLASS_STATEMENT, cvbinary_handler},
@@ -59,6 +62,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"CVINCLUDE", CLASS_STATEMENT, cvinclude_handler},
     {"CVLOCATION", CLASS_STATEMENT, cvlocation_handler},
     {"CVMLMODE", CLASS_STATEMENT, cvmlmode_handler},
+    {"CVQUERY", CLASS_STATEMENT, cvquery_handler},
     {"CVRESTART", CLASS_STATEMENT, cvrestart_handler},
     {"CVUNVAR", CLASS_STATEMENT, cvunvar_handler},
     {"CVVAR", CLASS_STATEMENT, cvvar_handler},

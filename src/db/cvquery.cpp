@@ -1,0 +1,298 @@
+// CVQUERY, /CVQUERY and CV-ROWSEEK: the SQL body of a query block run through
+// the ODBC layer into a query variable, and moves of its current row.
+#include "db/cvquery.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "db/odbc.h"
+#include "db/result_set.h"
+#include "engine/engine.h"
+#include "engine/output.h"
+#include "engine/report.h"
+#include "values/expression.h"
+#include "values/level4.h"
+#include "values/nocase.h"
+
+namespace {
+
+constexpr std::string_view kNotClosed =
+    "CVQUERY requires a matching closing tag (/CVQUERY) to be contained within the local source code.  "
+    "See the Corvane documentation for details.";
+constexpr std::string_view kNotOnStack =
+    "CVQUERY is not the immediate open tag on the stack.  The most likely cause is either a </CVQUERY> "
+    "tag with no matching opening tag OR another tag pair was opened after a valid <CVQUERY> but a "
+    "closing tag was not encountered.  See the stack dump for details.";
+constexpr std::string_view kNotObtained =
+    "An error occurred in obtaining the CVQUERY variable.  See the diagnostic message above for details.";
+constexpr std::string_view kRowseekNotObtained =
+    "An error occurred in obtaining the CV-ROWSEEK variable.  See the diagnostic message above for details.";
+constexpr std::string_view kRowseekNotQuery =
+    "CV-ROWSEEK requires the 'var' option to name a query variable.  See the Corvane documentation for "
+    "details.";
+
+// The environment is made on the first query of a run, so pages without
+// queries never load the driver manager.  A failed start-up keeps its text,
+// which then explains every failed connection.
+struct Database {
+  bool init_tried = false;
+  std::unique_ptr<SqlEnv> env;
+  std::string init_error;
+  // Newest first; searched by data source name.
+  std::vector<std::unique_ptr<SqlConnection>> connections;
+};
+
+Database db;
+
+SqlConnection* cached_connection(std::string_view datasource) {
+  for (const auto& c : db.connections)
+    if (equals_nocase(c->datasource, datasource)) return c.get();
+  return nullptr;
+}
+
+// Runs one node of the current context into the capturing body buffer,
+// starting the buffer afresh when the node restarted the output.
+void capture_node() {
+  std::string out;
+  if (!process_current_node(out)) {
+    report_internal_error();
+    engine.stop = true;
+    return;
+  }
+  const PageContext* ctx = current_context();
+  if (!engine.abandon && !engine.body_discard && ctx && ctx->output_mode == OUTPUT_NORMAL) body_append(out);
+  if (engine.abandon || engine.header_discard) engine.header = dyn_new();
+  if (engine.abandon || engine.body_discard) engine.body = dyn_new();
+  engine.abandon = engine.body_discard = engine.header_discard = false;
+}
+
+// The processed body up to the matching </CVQUERY>, whose handler ends the
+// walk by replacing this tag's stack entry.  False when the block is not
+// closed in this context.
+bool collect_body(std::string* sql) {
+  PageContext* ctx = current_context();
+  const ParsedTag* self = ctx->current_node;
+  tag_stack_push();
+  size_t depth = ctx->tag_stack.size();
+  DynStringPtr page_body = std::move(engine.body);
+  engine.body = dyn_new();
+  ctx->current_node = self->next;
+
+  auto still_open = [&] { return ctx->tag_stack.size() >= depth && ctx->tag_stack[depth - 1] == self; };
+  while (!engine.stop && ctx->current_node && still_open()) {
+    capture_node();
+    // A page included by that node runs to its end inside the capture.
+    while (!engine.stop && current_context() != ctx) {
+      if (!current_context()->current_node) {
+        if (current_context()->debug == DEBUG_ON) write_page_statistics();
+        context_pop();
+        continue;
+      }
+      capture_node();
+    }
+  }
+
+  bool unclosed = still_open();
+  if (ctx->tag_stack.size() >= depth) ctx->tag_stack.resize(depth - 1);
+  ctx->stay = true;
+  *sql = engine.body ? dyn_take(std::move(engine.body)) : std::string();
+  engine.body = std::move(page_body);
+  if (!ctx->current_node && unclosed) {
+    ctx->current_node = self;
+    sql->clear();
+    return false;
+  }
+  return true;
+}
+
+// Reports a failure of the ODBC layer: its text above the report.
+void report_layer_error(const ParsedTag& tag, const std::string& err, std::string_view message) {
+  report_diagnostic(err);
+  report_error(tag, message);
+}
+
+// The statement stands in for the tag in reports about running it.
+ParsedTag sql_node(const std::string& sql) {
+  ParsedTag node;
+  const PageContext* ctx = current_context();
+  node.line = ctx && ctx->current_node ? ctx->current_node->line : 0;
+  node.text = sql;
+  return node;
+}
+
+void write_sql_statistics(const SqlQuery& q) {
+  const PageContext* ctx = current_context();
+  if (!ctx || ctx->debug != DEBUG_ON) return;
+  if (!engine.sql_stats) engine.sql_stats = dyn_new();
+  DynString* out = engine.sql_stats.get();
+  if (out->data.empty()) dyn_puts(out, "\n\nSQL Statistics:\n\n");
+  uint32_t rows = q.result ? result_row_count(*q.result) : 0;
+  uint32_t columns = q.result ? result_column_count(*q.result) : 0;
+  dyn_printf(out, "Time = %lums\n", static_cast<unsigned long>(q.end_ms - q.start_ms));
+  dyn_printf(out, "%u row%s", rows, rows == 1 ? "" : "s");
+  dyn_printf(out, ", %u column%s returned.\n", columns, columns == 1 ? "" : "s");
+  dyn_puts(out, "  ");
+  dyn_puts(out, q.text);
+  dyn_puts(out, "\n\n");
+}
+
+}  // namespace
+
+// <CVQUERY var=reference datasource=name [username=...] [password=...]>
+//   SQL text </CVQUERY>
+ValuePtr cvquery_handler(const ParsedTag& tag) {
+  const std::string* var = tag_option(tag, "var");
+  if (!var) {
+    report_error(tag, option_required_message("CVQUERY", "var"));
+    return value_new();
+  }
+  const std::string* datasource = tag_option(tag, "datasource");
+  if (!datasource) {
+    report_error(tag, option_required_message("CVQUERY", "datasource"));
+    return value_new();
+  }
+  const std::string* username = tag_option(tag, "username");
+  const std::string* password = tag_option(tag, "password");
+  if (!level4_resolve(*var)) {
+    report_error(tag, kNotObtained);
+    return value_new();
+  }
+  if (!current_context() || !current_context()->current_node) {
+    report_error(tag, kNotClosed);
+    return value_new();
+  }
+  std::string sql;
+  if (!collect_body(&sql)) {
+    report_error(tag, kNotClosed);
+    return value_new();
+  }
+  if (engine.stop) return value_new();
+
+  std::string err;
+  SqlConnection* conn = cached_connection(*datasource);
+  if (!conn) {
+    if (!db.init_tried) {
+      db.init_tried = true;
+      db.env = sql_init(db.init_error);
+    }
+    // A password means nothing without a user name.
+    std::string_view user = username ? std::string_view(*username) : std::string_view();
+    std::string_view pass = username && password ? std::string_view(*password) : std::string_view();
+    std::unique_ptr<SqlConnection> made = sql_connect(db.env.get(), err, *datasource, user, pass);
+    if (!db.env) err += db.init_error;
+    if (!made || !err.empty()) {
+      report_layer_error(tag, err, "Error connecting to the datasource.  See the message above for details.");
+      return value_new();
+    }
+    conn = made.get();
+    db.connections.insert(db.connections.begin(), std::move(made));
+  }
+
+  std::unique_ptr<SqlQuery> query = sql_query_new(err, conn);
+  if (!query || !err.empty()) {
+    report_layer_error(tag, err, "Error allocating space for the SQL statement.  See the message above for details.");
+    return value_new();
+  }
+  if (!sql_query_set_text(err, query.get(), sql) || !err.empty()) {
+    report_layer_error(sql_node(sql), err, "Error copying the SQL statement.  See the message above for details.");
+    return value_new();
+  }
+  if (!sql_query_execute(err, query.get()) || !err.empty()) {
+    report_layer_error(sql_node(sql), err, "Error executing the SQL statement.  See the message above for details.");
+    sql_query_free(err, std::move(query));
+    return value_new();
+  }
+  write_sql_statistics(*query);
+
+  ValuePtr result = value_new();
+  result->type = VT_QUERY;
+  result->query = std::make_unique<QueryPayload>();
+  result->query->result = query->result;
+  result->query->current_row = kNoRow;
+  result->query->built_row = 0;
+  result->query->row = value_new();
+  // The statement is done with: every row is in the result set.
+  std::string ignored;
+  sql_query_free(ignored, std::move(query));
+
+  // An included page in the body may have replaced the name table, so the
+  // variable is looked up afresh.
+  Value* v = level4_resolve(*var);
+  if (!v) {
+    report_error(tag, kNotObtained);
+    return value_new();
+  }
+  value_assign(v, result.get());
+  return value_new();
+}
+
+// </CVQUERY>: ends the collection of the innermost CVQUERY body.
+ValuePtr cvquery_close_handler(const ParsedTag& tag) {
+  PageContext* ctx = current_context();
+  if (!ctx || ctx->tag_stack.empty() || !tag_is(ctx->tag_stack.back(), "CVQUERY")) {
+    report_error(tag, kNotOnStack);
+    return value_new();
+  }
+  ctx->tag_stack.back() = ctx->current_node;
+  return value_new();
+}
+
+// <CV-ROWSEEK var=reference next | prev | previous | increment=n | seek=n>
+// Yields 1 when the new current row is a row of the result, else 0 and the
+// pointer goes back to "no row".
+ValuePtr cvrowseek_handler(const ParsedTag& tag) {
+  const std::string* var = tag_option(tag, "var");
+  if (!var) {
+    report_error(tag, option_required_message("CV-ROWSEEK", "var"));
+    return value_new();
+  }
+  Value* v = level4_resolve(*var);
+  if (!v) {
+    report_error(tag, kRowseekNotObtained);
+    return value_new();
+  }
+  if (v->type != VT_QUERY || !v->query || !v->query->result) {
+    report_error(tag, kRowseekNotQuery);
+    return value_new();
+  }
+  QueryPayload& q = *v->query;
+  const ResultSet& rs = *q.result;
+  bool has_columns = !rs.columns.empty();
+  uint32_t rows = result_row_count(rs);
+
+  auto number_of = [&](const char* option, const std::string& text, int64_t* n) {
+    ValuePtr value = expr_evaluate(text);
+    if (value && expr_value_as_integer(*value, n)) return true;
+    report_error(tag, "CV-ROWSEEK requires the '" + std::string(option) +
+                          "' option to be a number.  See the Corvane documentation for details.");
+    return false;
+  };
+  // Positions wrap as unsigned 32-bit numbers: any negative one is past
+  // the end.
+  if (tag_option(tag, "next")) {
+    q.current_row += 1;
+  } else if (tag_option(tag, "prev") || tag_option(tag, "previous")) {
+    if (has_columns && q.current_row == kNoRow) q.current_row = rows;
+    q.current_row -= 1;
+  } else if (const std::string* text = tag_option(tag, "increment")) {
+    int64_t n;
+    if (!number_of("increment", *text, &n)) return value_new();
+    q.current_row += static_cast<uint32_t>(n);
+  } else if (const std::string* text = tag_option(tag, "seek")) {
+    int64_t n;
+    if (!number_of("seek", *text, &n)) return value_new();
+    q.current_row = static_cast<uint32_t>(n);
+  }
+  if (has_columns && q.current_row < rows) return value_from_integer(1);
+  q.current_row = kNoRow;
+  return value_from_integer(0);
+}
+
+void database_shutdown() {
+  std::string ignored;  // the page has been sent; there is nowhere to show it
+  for (auto& c : db.connections) sql_disconnect(ignored, c);
+  db.connections.clear();
+  if (db.env) sql_shutdown(ignored, db.env);
+  db = Database{};
+}

@@ -1,0 +1,14 @@
+// CVQUERY, /CVQUERY and CV-ROWSEEK: statements run from a page into query
+// variables, and the current-row pointer that pages move through them.
+#pragma once
+
+#include "engine/tokenizer.h"
+#include "values/value.h"
+
+ValuePtr cvquery_handler(const ParsedTag& tag);
+ValuePtr cvquery_close_handler(const ParsedTag& tag);
+ValuePtr cvrowseek_handler(const ParsedTag& tag);
+
+// Disconnects every cached connection and frees the ODBC environment; the
+// end of a run calls it.
+void database_shutdown();
