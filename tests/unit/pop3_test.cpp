@@ -1,0 +1,149 @@
+// Tests for the POP3 client: the message split, and the log-in, list,
+// retrieve and delete dialogue against a scripted server.
+#include "net/pop3.h"
+
+#include <gtest/gtest.h>
+
+#include "fake_peer.h"
+
+namespace {
+
+using fake_peer::hear_line;
+using fake_peer::send_text;
+
+std::unique_ptr<NetConn> pop3_conn(int port, std::string_view user = "ann", std::string_view password = "pw") {
+  auto conn = net_conn_new();
+  conn->timeout_seconds = 5;
+  pop3_set_server(*conn, "127.0.0.1", port, user, password);
+  return conn;
+}
+
+// Greeting, USER, PASS and RSET accepted; the caller's script goes on by
+// hearing STAT.
+void log_in(int fd, std::string& heard) {
+  send_text(fd, "+OK POP3 ready\r\n");
+  hear_line(fd, heard);
+  send_text(fd, "+OK user\r\n");
+  hear_line(fd, heard);
+  send_text(fd, "+OK pass\r\n");
+  hear_line(fd, heard);
+  send_text(fd, "+OK reset\r\n");
+}
+
+TEST(Pop3Split, SenderSubjectHeaderAndBody) {
+  Pop3State state;
+  pop3_split_message(state, "FROM: Ann <a@x.org>\r\nsubject: Hi there\r\nX: y\r\n\r\nbody\r\nFrom: not a header\r\n");
+  EXPECT_EQ("Ann <a@x.org>", state.sender);
+  EXPECT_EQ("Hi there", state.subject);
+  EXPECT_EQ("FROM: Ann <a@x.org>\r\nsubject: Hi there\r\nX: y\r\n\r\n", state.header);
+  EXPECT_EQ("body\r\nFrom: not a header\r\n", state.body);
+  // Without an empty line everything is header; the last message is cleared.
+  pop3_split_message(state, "X: 1\r\nY: 2\r\n");
+  EXPECT_EQ("", state.sender);
+  EXPECT_EQ("", state.subject);
+  EXPECT_EQ("X: 1\r\nY: 2\r\n", state.header);
+  EXPECT_EQ("", state.body);
+}
+
+TEST(Pop3Dialogue, LogInListRetrieveDeleteQuit) {
+  fake_peer::Server server;
+  server.start([](int fd, std::string& heard) {
+    log_in(fd, heard);
+    hear_line(fd, heard);  // STAT
+    send_text(fd, "+OK 2 320\r\n");
+    hear_line(fd, heard);  // LIST
+    // The listing arrives in two pieces and has one line too many.
+    send_text(fd, "+OK 2 messages\r\n1 120\r\n2 2");
+    send_text(fd, "00\r\n3 999\r\n.\r\n");
+    hear_line(fd, heard);  // RETR
+    send_text(fd, "+OK 200 octets\r\nFrom: b@x.org\r\nSubject: Hi\r\n\r\n..abc\r\n.\r\n");
+    hear_line(fd, heard);  // DELE
+    send_text(fd, "+OK deleted\r\n");
+    hear_line(fd, heard);  // QUIT
+    send_text(fd, "+OK bye\r\n");
+  });
+  auto conn = pop3_conn(server.port);
+  std::string err;
+  ASSERT_TRUE(pop3_connect(err, *conn)) << err;
+  Pop3State* state = pop3_state(*conn);
+  ASSERT_NE(nullptr, state);
+  EXPECT_EQ(2u, state->count);
+  EXPECT_EQ((std::vector<uint32_t>{120, 200}), state->sizes);
+  ASSERT_TRUE(pop3_retrieve(err, *conn, 2)) << err;
+  EXPECT_EQ("b@x.org", state->sender);
+  EXPECT_EQ("Hi", state->subject);
+  EXPECT_EQ("From: b@x.org\r\nSubject: Hi\r\n\r\n", state->header);
+  EXPECT_EQ(".abc\r\n", state->body);
+  EXPECT_TRUE(pop3_delete(err, *conn, 1)) << err;
+  pop3_quit(*conn);
+  EXPECT_FALSE(conn->connected);
+  server.finish();
+  EXPECT_EQ("", err);
+  EXPECT_EQ("USER ann\r\nPASS pw\r\nRSET\r\nSTAT\r\nLIST\r\nRETR 2\r\nDELE 1\r\nQUIT\r\n", server.heard);
+}
+
+TEST(Pop3Dialogue, EmptyMailboxSendsNoList) {
+  fake_peer::Server server;
+  server.start([](int fd, std::string& heard) {
+    log_in(fd, heard);
+    hear_line(fd, heard);
+    send_text(fd, "+OK 0 0\r\n");
+    heard += fake_peer::read_all(fd);
+  });
+  auto conn = pop3_conn(server.port);
+  std::string err;
+  ASSERT_TRUE(pop3_connect(err, *conn)) << err;
+  EXPECT_EQ(0u, pop3_state(*conn)->count);
+  EXPECT_TRUE(pop3_state(*conn)->sizes.empty());
+  net_close(*conn);
+  server.finish();
+  EXPECT_EQ("USER ann\r\nPASS pw\r\nRSET\r\nSTAT\r\n", server.heard);
+}
+
+TEST(Pop3Dialogue, OnlyPlusOkAndABlankIsPositive) {
+  for (std::string greeting : {"+OK\r\n", "+ok ready\r\n", "-ERR busy\r\n"}) {
+    fake_peer::Server server;
+    server.start([greeting](int fd, std::string&) { send_text(fd, greeting); });
+    auto conn = pop3_conn(server.port);
+    std::string err;
+    EXPECT_FALSE(pop3_connect(err, *conn));
+    EXPECT_EQ("Error:  Expected +OK response.  Received " + greeting.substr(0, greeting.size() - 2) + ".\n", err);
+  }
+}
+
+TEST(Pop3Dialogue, FailuresKeepTheConnection) {
+  fake_peer::Server server;
+  server.start([](int fd, std::string& heard) {
+    log_in(fd, heard);
+    hear_line(fd, heard);
+    send_text(fd, "+OK 1 10\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "+OK 1 message\r\n1 10\r\n.\r\n");
+    hear_line(fd, heard);  // RETR 7
+    send_text(fd, "-ERR no such message\r\n");
+    hear_line(fd, heard);  // RETR 1
+    send_text(fd, "+OK sending\r\nSubject: cut short\r\n");  // and the server goes away
+  });
+  auto conn = pop3_conn(server.port);
+  std::string err;
+  ASSERT_TRUE(pop3_connect(err, *conn)) << err;
+  EXPECT_FALSE(pop3_retrieve(err, *conn, 7));
+  EXPECT_EQ("Error:  Expected +OK response.  Received -ERR no such message.\n", err);
+  EXPECT_TRUE(conn->connected);
+  err.clear();
+  EXPECT_FALSE(pop3_retrieve(err, *conn, 1));
+  EXPECT_EQ("Error:  Server dropped connection.\n", err);
+  server.finish();
+}
+
+TEST(Pop3Dialogue, MissingOrUnsafeCredentials) {
+  auto conn = pop3_conn(1, "ann", "");
+  std::string err;
+  EXPECT_FALSE(pop3_connect(err, *conn));
+  EXPECT_EQ("", err);
+  auto unsafe = pop3_conn(1, "ann\r\nDELE 1", "pw");
+  EXPECT_FALSE(pop3_connect(err, *unsafe));
+  EXPECT_EQ("Error:  The user name or password contains a line break.\n", err);
+}
+
+}  // namespace
