@@ -106,17 +106,22 @@ bool collect_body(std::string* sql) {
   return true;
 }
 
-// Reports a failure of the ODBC layer: its text above the report.
-void report_layer_error(const ParsedTag& tag, const std::string& err, std::string_view message) {
+// Reports a failure of the ODBC layer: its text above the report.  The
+// body has been walked by then, so the report is pointed back at the
+// CVQUERY tag for its line and original form.
+void report_layer_error(const ParsedTag* self, const ParsedTag& tag, const std::string& err,
+                        std::string_view message) {
+  PageContext* ctx = current_context();
+  const ParsedTag* after = ctx->current_node;
+  ctx->current_node = self;
   report_diagnostic(err);
   report_error(tag, message);
+  ctx->current_node = after;
 }
 
 // The statement stands in for the tag in reports about running it.
 ParsedTag sql_node(const std::string& sql) {
   ParsedTag node;
-  const PageContext* ctx = current_context();
-  node.line = ctx && ctx->current_node ? ctx->current_node->line : 0;
   node.text = sql;
   return node;
 }
@@ -162,6 +167,7 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
     report_error(tag, kNotClosed);
     return value_new();
   }
+  const ParsedTag* self = current_context()->current_node;
   std::string sql;
   if (!collect_body(&sql)) {
     report_error(tag, kNotClosed);
@@ -182,7 +188,7 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
     std::unique_ptr<SqlConnection> made = sql_connect(db.env.get(), err, *datasource, user, pass);
     if (!db.env) err += db.init_error;
     if (!made || !err.empty()) {
-      report_layer_error(tag, err, "Error connecting to the datasource.  See the message above for details.");
+      report_layer_error(self, tag, err, "Error connecting to the datasource.  See the message above for details.");
       return value_new();
     }
     conn = made.get();
@@ -191,15 +197,15 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
 
   std::unique_ptr<SqlQuery> query = sql_query_new(err, conn);
   if (!query || !err.empty()) {
-    report_layer_error(tag, err, "Error allocating space for the SQL statement.  See the message above for details.");
+    report_layer_error(self, tag, err, "Error allocating space for the SQL statement.  See the message above for details.");
     return value_new();
   }
   if (!sql_query_set_text(err, query.get(), sql) || !err.empty()) {
-    report_layer_error(sql_node(sql), err, "Error copying the SQL statement.  See the message above for details.");
+    report_layer_error(self, sql_node(sql), err, "Error copying the SQL statement.  See the message above for details.");
     return value_new();
   }
   if (!sql_query_execute(err, query.get()) || !err.empty()) {
-    report_layer_error(sql_node(sql), err, "Error executing the SQL statement.  See the message above for details.");
+    report_layer_error(self, sql_node(sql), err, "Error executing the SQL statement.  See the message above for details.");
     sql_query_free(err, std::move(query));
     return value_new();
   }

@@ -390,6 +390,9 @@ bool sql_query_execute(std::string& err, SqlQuery* q) {
     r = a.execute(q->stmt);
   }
   q->end_ms = now_ms();
+  // A searched UPDATE or DELETE that matches no row reports "no data";
+  // the statement still ran.
+  if (r == SQL_NO_DATA) r = SQL_SUCCESS;
   if (!ok(r)) {
     err += "Error executing SQL.\n";
     sql_report_statement_diag(err, q, r);
