@@ -39,8 +39,9 @@ EOF
   chmod 755 "$LIGHTTPD_DIR/cvml-cgi"
 
   # lighttpd gives CGI programs a clean environment; sanitizer settings of the
-  # caller are handed on so a sanitizer build behaves the same under the server.
-  for var in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do
+  # caller are handed on so a sanitizer build behaves the same under the server,
+  # and so is the ODBC configuration that names the pages' data sources.
+  for var in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS ODBCSYSINI ODBCINI; do
     [ -n "${!var:-}" ] && env_lines+="${env_lines:+, }\"$var\" => \"${!var}\""
   done
 

@@ -23,4 +23,8 @@ if [ $# -ge 1 ]; then
   cd "$(dirname "$page")" && exec "$cvml" "$(basename "$page")"
 fi
 
+# The demo's database page reads a SQLite database through ODBC; its files
+# live in the build directory and are made on first use.
+"$root/scripts/demo_database.sh" "$build/demo-db" || exit 1
+export ODBCSYSINI=$build/demo-db ODBCINI=$build/demo-db/odbc.ini
 exec "$root/scripts/lighttpd.sh" serve "$root/examples" "$cvml"

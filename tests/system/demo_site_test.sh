@@ -15,6 +15,9 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/cvml-demo.XXXXXX")
 trap 'lighttpd_stop; rm -rf "$work"' EXIT
 
 export LIGHTTPD_CGI_TIMEOUT=10
+# The database page's data source, made for this run.
+"$here/../../scripts/demo_database.sh" "$work/db" || { echo "FAIL: demo database not made"; exit 1; }
+export ODBCSYSINI=$work/db ODBCINI=$work/db/odbc.ini
 lighttpd_start "$site" "$cvml" || { echo "FAIL: lighttpd did not start"; exit 1; }
 base=http://127.0.0.1:$LIGHTTPD_PORT
 echo "lighttpd on $base serving $site"
@@ -55,7 +58,7 @@ fetch root ""
 check_page root "site root serves index.cvm" "Welcome to the CVML demo site"
 
 fetch index index.cvm
-check_page index "index links to every page" 'href="form.cvm"' 'href="table.cvm"' 'href="error.cvm"'
+check_page index "index links to every page" 'href="form.cvm"' 'href="table.cvm"' 'href="planets.cvm"' 'href="error.cvm"'
 
 fetch form_get form.cvm
 check_page form_get "form page before posting" '<form method="post" action="form.cvm">' "Nothing posted yet"
@@ -75,6 +78,15 @@ check_page table "table page builds the rows with a loop" "Letter table" '<tr cl
   "<td>A</td><td>a</td>" "<td>Z</td><td>z</td>"
 rows=$(grep -c '<tr' "$work/table.body")
 [ "$rows" = 27 ] && pass "table has a header row and 26 letter rows" || fail "table rows: $rows"
+
+fetch planets planets.cvm
+check_page planets "planets page lists the database rows" "<h1>Planets</h1>" \
+  "<tr><td>Jupiter</td><td>95</td><td>69911.000000000000000</td></tr>" \
+  "<tr><td>Mercury</td><td>0</td><td>2439.699999999999818</td></tr>" "6 planets, 3 columns."
+rows=$(grep -c '^<tr><td>' "$work/planets.body")
+order=$(grep -o '^<tr><td>[A-Za-z]*' "$work/planets.body" | sed 's/.*>//' | tr '\n' ' ')
+[ "$rows" = 6 ] && [ "$order" = "Jupiter Saturn Earth Venus Mars Mercury " ] &&
+  pass "planets come largest first, one row each" || fail "planet rows: $rows ($order)"
 
 fetch error error.cvm
 # The page itself ends where the reports begin; the report quotes the whole

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Makes the demo site's database and the ODBC files that name it, in DIR:
+# DIR/demo.db (SQLite), DIR/odbcinst.ini (the SQLite ODBC driver) and
+# DIR/odbc.ini (the data source "cvmldemo").  Idempotent: an existing
+# database is kept; the two configuration files are rewritten.
+# Afterwards: export ODBCSYSINI=DIR ODBCINI=DIR/odbc.ini
+#   usage: scripts/demo_database.sh DIR
+set -euo pipefail
+
+dir=${1:?usage: $0 DIR}
+mkdir -p "$dir"
+dir=$(cd "$dir" && pwd)
+
+driver=""
+for candidate in /usr/lib/*/odbc/libsqlite3odbc.so /usr/lib/odbc/libsqlite3odbc.so \
+                 /usr/local/lib/odbc/libsqlite3odbc.so /usr/lib64/libsqlite3odbc.so; do
+  if [ -f "$candidate" ]; then driver=$candidate; break; fi
+done
+[ -n "$driver" ] || { echo "demo_database.sh: the SQLite ODBC driver is missing (scripts/setup.sh installs it)" >&2; exit 1; }
+
+printf '[SQLite3]\nDriver=%s\n' "$driver" > "$dir/odbcinst.ini"
+printf '[cvmldemo]\nDriver=SQLite3\nDatabase=%s\n' "$dir/demo.db" > "$dir/odbc.ini"
+
+if [ ! -s "$dir/demo.db" ]; then
+  sqlite3 "$dir/demo.db.new" <<'SQL'
+CREATE TABLE planets (name VARCHAR(20), moons INTEGER, radius_km DOUBLE);
+INSERT INTO planets VALUES ('Mercury', 0, 2439.7), ('Venus', 0, 6051.8), ('Earth', 1, 6371.0),
+  ('Mars', 2, 3389.5), ('Jupiter', 95, 69911.0), ('Saturn', 146, 58232.0);
+SQL
+  mv "$dir/demo.db.new" "$dir/demo.db"
+fi
