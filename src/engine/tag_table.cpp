@@ -3,9 +3,11 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
+#include "functions/cvfile.h"
 #include "functions/cvmath.h"
 #include "functions/cvstr.h"
 #include "functions/cvtime.h"
+#include "net/cvweb.h"
 #include "tags/composition.h"
 #include "tags/conditionals.h"
 #include "tags/loops.h"
@@ -55,6 +57,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"CVELSE", CLASS_STATEMENT, cvelse_handler},
     {"CVELSEIF", CLASS_STATEMENT, cvelseif_handler},
     {"CVEXIT", CLASS_STATEMENT, cvexit_handler},
+    {"CVFILE", CLASS_STATEMENT, cvfile_handler},
     {"CVFLUSH", CLASS_STATEMENT, cvflush_handler},
     {"CVFOR", CLASS_STATEMENT, cvfor_handler},
     {"CVHEADER", CLASS_STATEMENT, cvheader_handler},
@@ -66,6 +69,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"CVRESTART", CLASS_STATEMENT, cvrestart_handler},
     {"CVUNVAR", CLASS_STATEMENT, cvunvar_handler},
     {"CVVAR", CLASS_STATEMENT, cvvar_handler},
+    {"CVWEB", CLASS_STATEMENT, cvweb_handler},
     {"CVWHILE", CLASS_STATEMENT, cvwhile_handler},
 };
 

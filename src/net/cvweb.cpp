@@ -1,0 +1,538 @@
+// CVWEB: opening connections of each protocol, running their operations, and
+// the run-wide connection table that socket numbers index.
+#include "net/cvweb.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/report.h"
+#include "functions/encoders.h"
+#include "net/http.h"
+#include "net/pop3.h"
+#include "net/smtp.h"
+#include "net/socket.h"
+#include "values/expression.h"
+#include "values/level4.h"
+#include "values/nocase.h"
+
+namespace {
+
+// Slots are never reused: a socket number stays invalid after "disconnect".
+std::vector<std::unique_ptr<NetConn>> g_connections;
+
+constexpr std::string_view kSeeDocs = "  See the Corvane documentation for details.";
+constexpr std::string_view kInternal = "  An internal error occurred in Corvane.";
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+// Keyword option values are matched with white space removed and case ignored.
+bool keyword_is(std::string_view text, std::string_view word) {
+  std::string squeezed;
+  for (char c : text)
+    if (!is_space(c)) squeezed += c;
+  return equals_nocase(squeezed, word);
+}
+
+bool is_blank(std::string_view text) {
+  for (char c : text)
+    if (!is_space(c)) return false;
+  return true;
+}
+
+std::string requires_with(std::string_view option, std::string_view operation) {
+  return "CVWEB requires the '" + std::string(option) + "' option to be used with the '" + std::string(operation) +
+         "' option." + std::string(kSeeDocs);
+}
+
+std::string not_non_negative(std::string_view option) {
+  return "CVWEB requires the '" + std::string(option) +
+         "' option to be either a blank string, zero (0), or a positive number.";
+}
+
+// A numeric option: evaluated, non-negative; a blank text gives `blank`.
+// False when the result is not a number or is negative.
+bool non_negative_option(const std::string& text, double blank, double* out) {
+  if (is_blank(text)) {
+    *out = blank;
+    return true;
+  }
+  ValuePtr v = expr_evaluate(text);
+  if (!v) return false;
+  double d;
+  if (v->type == VT_INTEGER) d = v->integer;
+  else if (v->type == VT_NUMBER) d = v->number;
+  else if (v->type == VT_DECIMAL) d = decimal_to_double(v->decimal);
+  else return false;
+  if (!(d >= 0) || !std::isfinite(d)) return false;
+  *out = d;
+  return true;
+}
+
+// Ports and message numbers: whole numbers, bounded so the cast is defined.
+bool whole_option(const std::string& text, double blank, double limit, int64_t* out) {
+  double d;
+  if (!non_negative_option(text, blank, &d) || d > limit) return false;
+  *out = static_cast<int64_t>(d);
+  return true;
+}
+
+// The socket layer's text goes to the diagnostics before the report.
+void fail(const ParsedTag& tag, std::string_view message, const std::string& err) {
+  if (!err.empty()) report_diagnostic("Error returned from internal socket functions:\n" + err);
+  report_error(tag, message);
+}
+
+// Replaces the value of the variable `ref` names with `result`.
+bool store(const ParsedTag& tag, const std::string& ref, ValuePtr result) {
+  Value* v = level4_resolve(ref);
+  if (!v) {
+    report_error(tag, "An error occurred in obtaining the CVWEB variable.  See the diagnostic message above for details.");
+    return false;
+  }
+  value_clear(*v);
+  value_assign(v, result.get());
+  return true;
+}
+
+// The text a variable holds; empty when it cannot be obtained.
+bool fetch_text(const ParsedTag& tag, const std::string& ref, std::string* out) {
+  Value* v = level4_resolve(ref);
+  if (!v) {
+    report_error(tag, "An error occurred in obtaining the CVWEB variable.  See the diagnostic message above for details.");
+    return false;
+  }
+  *out = value_text(*v);
+  return true;
+}
+
+// Form encoding of a POST body: a hash as name=value pairs, a list as its
+// "&"-joined encoded cells, anything else as its text unchanged.
+std::string form_body(const Value& v) {
+  if (v.type != VT_HASH) return value_text(v);
+  std::string out;
+  for (const ValueRow& row : v.rows) {
+    if (row.size() < 2 || !row[0] || !row[1]) continue;
+    if (!out.empty()) out += '&';
+    out += url_encode(value_element_text(*row[0])) + "=" + url_encode(value_element_text(*row[1]));
+  }
+  return out;
+}
+
+// [status line, headers as rows of [name, value], body]
+ValuePtr http_result(const HttpState& state) {
+  ValuePtr headers = value_new();
+  headers->type = VT_ARRAY;
+  headers->columns = 2;
+  std::string_view text = state.headers;
+  while (!text.empty()) {
+    size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    size_t colon = line.find(':');
+    std::string_view name = line.substr(0, colon);
+    std::string_view rest;
+    if (colon != std::string_view::npos) {
+      rest = line.substr(colon + 1);
+      while (!rest.empty() && rest.front() == ' ') rest.remove_prefix(1);
+    }
+    ValueRow row;
+    row.push_back(value_from_string(std::string(name)));
+    row.push_back(value_from_string(std::string(rest)));
+    headers->rows.push_back(std::move(row));
+  }
+  ValuePtr result = value_new();
+  result->type = VT_LIST;
+  result->list.push_back(value_from_string(state.status_line));
+  result->list.push_back(std::move(headers));
+  result->list.push_back(value_from_string(state.body));
+  return result;
+}
+
+// The named option, or a report of its absence for `operation`.
+const std::string* need(const ParsedTag& tag, std::string_view option, std::string_view operation) {
+  const std::string* value = tag_option(tag, option);
+  if (!value) report_error(tag, requires_with(option, operation));
+  return value;
+}
+
+// raw: RecvCheck / SendCheck var [timeout]; GET var; PUT var
+void raw_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
+  bool recv_check = keyword_is(op, "RecvCheck"), send_check = keyword_is(op, "SendCheck");
+  bool get = keyword_is(op, "GET"), put = keyword_is(op, "PUT");
+  if (!recv_check && !send_check && !get && !put) {
+    report_error(tag, "CVWEB requires the 'raw' option to be 'RecvCheck', 'SendCheck', 'GET', or 'PUT'." +
+                          std::string(kSeeDocs));
+    return;
+  }
+  std::string_view name = recv_check ? "RecvCheck" : send_check ? "SendCheck" : get ? "GET" : "PUT";
+  const std::string* var = need(tag, "var", name);
+  if (!var) return;
+  if (recv_check || send_check) {
+    long seconds = -1, micros = 0;  // no limit without "timeout"
+    if (const std::string* timeout = tag_option(tag, "timeout")) {
+      double d;
+      if (!non_negative_option(*timeout, 0, &d) || d > 1e9) {
+        report_error(tag, not_non_negative("timeout"));
+        return;
+      }
+      seconds = static_cast<long>(d);
+      micros = static_cast<long>((d - static_cast<double>(seconds)) * 1e6);
+    }
+    bool ready = recv_check ? net_wait_readable(conn, seconds, micros) : net_wait_writable(conn, seconds, micros);
+    store(tag, *var, value_from_integer(ready ? 1 : 0));
+    return;
+  }
+  std::string err;
+  if (get) {
+    // What is already buffered, else one read of what the peer sends next.
+    if (net_unread(conn).empty() && net_fill(conn) == 0) {
+      fail(tag, "An occurred in CVWEB while attempting to get the data." + std::string(kInternal), err);
+      return;
+    }
+    std::string data(net_unread(conn));
+    net_consume(conn, data.size());
+    store(tag, *var, value_from_string(std::move(data)));
+    return;
+  }
+  std::string data;
+  if (!fetch_text(tag, *var, &data)) return;
+  if (!net_send(conn, data))
+    fail(tag, "An occurred in CVWEB while attempting to send the data." + std::string(kInternal), err);
+}
+
+// http: GET page var; POST page var POSTvar
+void http_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
+  bool post = keyword_is(op, "POST");
+  if (!post && !keyword_is(op, "GET")) {
+    report_error(tag, "CVWEB requires the 'http' option to be either 'GET' or 'POST'." + std::string(kSeeDocs));
+    return;
+  }
+  std::string_view name = post ? "POST" : "GET";
+  const std::string* page = need(tag, "page", name);
+  if (!page) return;
+  const std::string* var = need(tag, "var", name);
+  if (!var) return;
+  const std::string* postvar = post ? need(tag, "POSTvar", name) : nullptr;
+  if (post && !postvar) return;
+  HttpUrl url;
+  HttpState* state = http_state(conn);
+  if (!state) {
+    report_error(tag, "An internal error occurred in Corvane.");
+    return;
+  }
+  if (!http_parse_url(*page, url)) {
+    report_error(tag, "CVWEB requires the 'page' option to be an absolute URL." + std::string(kSeeDocs));
+    return;
+  }
+  std::string body;
+  if (post) {
+    Value* v = level4_resolve(*postvar);
+    if (!v) {
+      report_error(tag, "An error occurred in obtaining the CVWEB variable.  See the diagnostic message above for details.");
+      return;
+    }
+    body = form_body(*v);
+  }
+  state = http_state(conn);
+  state->method = post ? HTTP_POST : HTTP_GET;
+  state->version = "1.1";
+  state->extra_headers = {"Accept: image/gif,*/*"};
+  state->path = "/" + url.path;
+  state->file = url.file;
+  state->query = url.query;
+  state->post_data = std::move(body);
+
+  std::string err;
+  bool done = http_request(conn);
+  // A server that closed the connection (after a read-to-close answer, or
+  // when idle) gets a new one and the request once more.
+  if (!done && state->status_line.empty()) {
+    if (!http_connect(err, conn)) {
+      fail(tag, "CVWEB was unable to reconnect to the web server." + std::string(kInternal), err);
+      return;
+    }
+    done = http_request(conn);
+  }
+  if (!done) {
+    fail(tag, "An occurred in CVWEB while attempting to get the web page." + std::string(kInternal), err);
+    return;
+  }
+  store(tag, *var, http_result(*state));
+}
+
+// smtp: SetSourceInfo sourceaddr subject; AddDestAddr destaddr;
+// SetMessageBody var; Attachment remotefilename var; SendMessage
+void smtp_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
+  SmtpState* state = smtp_state(conn);
+  if (!state) {
+    report_error(tag, "An internal error occurred in Corvane.");
+    return;
+  }
+  if (keyword_is(op, "SetSourceInfo")) {
+    const std::string* source = need(tag, "sourceaddr", "SetSourceInfo");
+    if (!source) return;
+    const std::string* subject = need(tag, "subject", "SetSourceInfo");
+    if (!subject) return;
+    smtp_set_sender(conn, *source);
+    // A second call replaces the subject rather than adding another.
+    state->headers.clear();
+    smtp_add_header(conn, "Subject", *subject);
+  } else if (keyword_is(op, "AddDestAddr")) {
+    const std::string* dest = need(tag, "destaddr", "AddDestAddr");
+    if (dest) smtp_add_recipient(conn, *dest);
+  } else if (keyword_is(op, "SetMessageBody")) {
+    const std::string* var = need(tag, "var", "SetMessageBody");
+    std::string text;
+    if (var && fetch_text(tag, *var, &text)) smtp_set_body(conn, text);
+  } else if (keyword_is(op, "Attachment")) {
+    const std::string* name = need(tag, "remotefilename", "Attachment");
+    if (!name) return;
+    const std::string* var = need(tag, "var", "Attachment");
+    std::string data;
+    if (var && fetch_text(tag, *var, &data)) smtp_add_attachment(conn, *name, data);
+  } else if (keyword_is(op, "SendMessage")) {
+    std::string err;
+    if (!smtp_send(err, conn))
+      fail(tag, "An occurred in CVWEB while attempting to send the message (e-mail)." + std::string(kInternal), err);
+  } else {
+    report_error(tag,
+                 "CVWEB requires the 'smtp' option to be 'SetSourceInfo', 'AddDestAddr', 'SetMessageBody', "
+                 "'Attachment', or 'SendMessage'." + std::string(kSeeDocs));
+  }
+}
+
+// The "messagenum" option; false after its report.
+bool message_number(const ParsedTag& tag, std::string_view operation, uint32_t* out) {
+  const std::string* text = need(tag, "messagenum", operation);
+  if (!text) return false;
+  int64_t n;
+  if (!whole_option(*text, 0, 4294967295.0, &n)) {
+    report_error(tag, not_non_negative("messagenum"));
+    return false;
+  }
+  *out = static_cast<uint32_t>(n);
+  return true;
+}
+
+// pop3: MessageCount var; GetMessage messagenum var; DeleteMessage messagenum.
+// A fetched message is stored as [sender, subject, header block, body].
+void pop3_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
+  Pop3State* state = pop3_state(conn);
+  if (!state) {
+    report_error(tag, "An internal error occurred in Corvane.");
+    return;
+  }
+  std::string err;
+  uint32_t number = 0;
+  if (keyword_is(op, "MessageCount")) {
+    // The 'LIST' in this message is what pages have always been told.
+    const std::string* var = need(tag, "var", "LIST");
+    if (var) store(tag, *var, value_from_integer(static_cast<int32_t>(std::min<uint32_t>(state->count, INT32_MAX))));
+  } else if (keyword_is(op, "GetMessage")) {
+    if (!message_number(tag, "GetMessage", &number)) return;
+    const std::string* var = need(tag, "var", "GetMessage");
+    if (!var) return;
+    if (!pop3_retrieve(err, conn, number)) {
+      fail(tag, "An occurred in CVWEB while attempting to retrieve the message (e-mail)." + std::string(kInternal),
+           err);
+      return;
+    }
+    ValuePtr message = value_new();
+    message->type = VT_LIST;
+    for (const std::string* part : {&state->sender, &state->subject, &state->header, &state->body})
+      message->list.push_back(value_from_string(*part));
+    store(tag, *var, std::move(message));
+  } else if (keyword_is(op, "DeleteMessage")) {
+    if (!message_number(tag, "DeleteMessage", &number)) return;
+    if (!pop3_delete(err, conn, number))
+      fail(tag, "An occurred in CVWEB while attempting to delete the message (e-mail)." + std::string(kInternal), err);
+  } else {
+    report_error(tag, "CVWEB requires the 'pop3' option to be 'MessageCount', 'GetMessage', or 'DeleteMessage'." +
+                          std::string(kSeeDocs));
+  }
+}
+
+// Ends the session the way its protocol expects: mail and file servers get
+// QUIT (which also commits POP3 deletions), the others are just closed.
+void close_by_kind(NetConn& conn) {
+  if (!conn.connected) return;
+  if (conn.kind == NET_SMTP) smtp_quit(conn);
+  else if (conn.kind == NET_POP3) pop3_quit(conn);
+  net_close(conn);
+}
+
+// Runs the operation the tag asks of an open connection.
+void run_operation(const ParsedTag& tag, size_t slot) {
+  NetConn& conn = *g_connections[slot];
+  if (tag_option(tag, "disconnect")) {
+    close_by_kind(conn);
+    g_connections[slot].reset();
+    return;
+  }
+  struct KindRow {
+    int32_t kind;
+    const char* option;
+    void (*run)(const ParsedTag&, NetConn&, const std::string&);
+  };
+  static const KindRow kRows[] = {{NET_RAW, "raw", raw_operation},    {NET_HTTP, "http", http_operation},
+                                  {NET_SMTP, "smtp", smtp_operation}, {NET_POP3, "pop3", pop3_operation},
+                                  };
+  for (const KindRow& row : kRows) {
+    if (row.kind != conn.kind) continue;
+    const std::string* op = tag_option(tag, row.option);
+    if (!op) {
+      report_error(tag, "CVWEB requires the '" + std::string(row.option) + "' option to be used with this socket." +
+                            std::string(kSeeDocs));
+      return;
+    }
+    row.run(tag, conn, *op);
+    return;
+  }
+  report_error(tag, "An internal error occurred in Corvane.");
+}
+
+// The "server" options of one protocol, then its connection.  False after
+// a report.
+bool open_connection(const ParsedTag& tag, NetConn& conn, const std::string& server, int32_t kind, int port) {
+  std::string err;
+  const std::string* user = tag_option(tag, "username");
+  const std::string* password = tag_option(tag, "password");
+  switch (kind) {
+    case NET_RAW:
+      if (net_connect(err, conn, server, port)) return true;
+      // Raw connections have always reported with the POP3 text.
+      fail(tag, "CVWEB was unable to connect to the POP3 server." + std::string(kInternal), err);
+      return false;
+    case NET_HTTP: {
+      http_attach(conn);
+      http_set_host(conn, server, port);
+      if (const std::string* proxy = tag_option(tag, "setproxy")) {
+        int64_t proxy_port = 80;
+        const std::string* proxy_port_text = tag_option(tag, "setproxyport");
+        if (proxy_port_text && !whole_option(*proxy_port_text, 80, 65535, &proxy_port)) {
+          report_error(tag, not_non_negative("port"));
+          return false;
+        }
+        http_set_proxy(conn, *proxy, static_cast<int>(proxy_port));
+      }
+      const std::string* method = tag_option(tag, "setproxyauthmethod");
+      const std::string* puser = tag_option(tag, "setproxyusername");
+      const std::string* ppass = tag_option(tag, "setproxypassword");
+      if (method && puser && ppass) {
+        if (!keyword_is(*method, "BASIC")) {
+          report_error(tag, "CVWEB does not currently support any other proxy authentication format except 'BASIC'.");
+          return false;
+        }
+        http_set_proxy_auth(conn, "BASIC", *puser, *ppass);
+      }
+      method = tag_option(tag, "setauthmethod");
+      puser = tag_option(tag, "setauthusername");
+      ppass = tag_option(tag, "setauthpassword");
+      if (method && puser && ppass) {
+        if (!keyword_is(*method, "BASIC")) {
+          report_error(tag, "CVWEB does not currently support any other authentication format except 'BASIC'.");
+          return false;
+        }
+        http_set_auth(conn, "BASIC", *puser, *ppass);
+      }
+      if (http_connect(err, conn)) return true;
+      fail(tag, "CVWEB was unable to connect to the web server." + std::string(kInternal), err);
+      return false;
+    }
+    case NET_SMTP:
+      if (smtp_set_server(conn, server, port) && smtp_connect(err, conn)) return true;
+      fail(tag, "CVWEB was unable to connect to the SMTP server." + std::string(kInternal), err);
+      return false;
+    case NET_POP3:
+      if (!user || !password) {
+        report_error(tag,
+                     "CVWEB requires the 'username' and 'password' options to be used when the 'protocol' option is "
+                     "'pop3'." + std::string(kSeeDocs));
+        return false;
+      }
+      if (pop3_set_server(conn, server, port, *user, *password) && pop3_connect(err, conn)) return true;
+      fail(tag, "CVWEB was unable to connect to the POP3 server." + std::string(kInternal), err);
+      return false;
+  }
+  report_error(tag, "CVWEB does not currently support the requested protocol." + std::string(kSeeDocs));
+  return false;
+}
+
+}  // namespace
+
+// <CVWEB socketvar=reference server=host [protocol=http|ftp|smtp|pop3] [port=n] ...>
+// <CVWEB socketvar=reference disconnect>
+// <CVWEB socketvar=reference raw|http|smtp|pop3|ftp=operation ...>
+ValuePtr cvweb_handler(const ParsedTag& tag) {
+  const std::string* socketvar = tag_option(tag, "socketvar");
+  if (!socketvar) {
+    report_error(tag, option_required_message("CVWEB", "socketvar"));
+    return value_new();
+  }
+  Value* socket_value = level4_resolve(*socketvar);
+  if (!socket_value) {
+    report_error(tag, "An error occurred in obtaining the CVWEB variable.  See the diagnostic message above for details.");
+    return value_new();
+  }
+  const std::string* server = tag_option(tag, "server");
+  if (!server) {
+    double index = -1;
+    if (socket_value->type == VT_INTEGER) index = socket_value->integer;
+    else if (socket_value->type == VT_NUMBER) index = socket_value->number;
+    else if (socket_value->type == VT_DECIMAL) index = decimal_to_double(socket_value->decimal);
+    if (!(index >= 0) || index >= static_cast<double>(g_connections.size()) ||
+        !g_connections[static_cast<size_t>(index)]) {
+      report_error(tag, "CVWEB requires the 'socketvar' option to contain a valid indirect reference to an open socket.");
+      return value_new();
+    }
+    run_operation(tag, static_cast<size_t>(index));
+    return value_new();
+  }
+
+  const std::string* protocol = tag_option(tag, "protocol");
+  const std::string* port_text = tag_option(tag, "port");
+  if (!protocol && !port_text) {
+    report_error(tag, "CVWEB requires either the 'protocol' and/or 'port' option to be used." + std::string(kSeeDocs));
+    return value_new();
+  }
+  int32_t kind = NET_RAW;
+  int default_port = 0;
+  if (protocol) {
+    if (keyword_is(*protocol, "http")) kind = NET_HTTP, default_port = 80;
+    else if (keyword_is(*protocol, "ftp")) kind = NET_FTP, default_port = 21;
+    else if (keyword_is(*protocol, "smtp")) kind = NET_SMTP, default_port = 25;
+    else if (keyword_is(*protocol, "pop3")) kind = NET_POP3, default_port = 110;
+    else {
+      report_error(tag,
+                   "CVWEB only recognizes 'http', 'ftp', 'smtp', and 'pop3' as valid options for the 'protocol' "
+                   "option." + std::string(kSeeDocs));
+      return value_new();
+    }
+  }
+  int64_t port = default_port;
+  if (port_text && !whole_option(*port_text, default_port, 65535, &port)) {
+    report_error(tag, not_non_negative("port"));
+    return value_new();
+  }
+
+  size_t slot = g_connections.size();
+  g_connections.push_back(net_conn_new());
+  if (!open_connection(tag, *g_connections[slot], *server, kind, static_cast<int>(port))) {
+    g_connections[slot].reset();
+    return value_new();
+  }
+  // Resolved again: evaluating the options may have rebuilt the variable.
+  store(tag, *socketvar, value_from_integer(static_cast<int32_t>(slot)));
+  return value_new();
+}
+
+void cvweb_close_all() {
+  for (std::unique_ptr<NetConn>& conn : g_connections) {
+    if (conn) close_by_kind(*conn);
+  }
+  g_connections.clear();
+}
