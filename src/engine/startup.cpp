@@ -12,7 +12,6 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
-#include "functions/cvfile.h"
 #include "net/cvweb.h"
 #include "values/decimal.h"
 
@@ -227,7 +226,6 @@ int cvml_main(int argc, char** argv, char** envp) {
 
   run_pages();
   send_page();
-  cvfile_close_all();
   database_shutdown();
   decimal_engine_stop();
   cvweb_close_all();
