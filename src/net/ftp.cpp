@@ -213,7 +213,12 @@ bool transfer(std::string& err, NetConn& conn, const std::string& line, std::str
   if (!(state->passive ? open_passive(err, conn, link) : open_active(err, conn, *state, link))) return false;
   FtpReply reply;
   if (!send_command(err, conn, line) || !expect(err, conn, '1', reply)) return false;
-  if (!accept_data(err, conn, link)) return false;
+  if (!accept_data(err, conn, link)) {
+    // The server answers the failed data connection (425) on the control
+    // connection; reading that answer keeps the next command's reply in step.
+    ftp_read_reply(conn, reply);
+    return false;
+  }
   bool moved = received ? receive_all(link.conn, *received) : send_all(link.conn, sent);
   net_close(link.conn);
   if (!moved) err += "Error:  The data connection failed before the transfer was complete.\n";

@@ -232,4 +232,30 @@ TEST(FtpDialogue, RefusalsNameTheReply) {
   EXPECT_EQ("USER ann\r\nTYPE I\r\nPASV\r\nRETR missing\r\nCWD nowhere\r\n", server.heard);
 }
 
+TEST(FtpDialogue, MissingActiveDataConnectionKeepsRepliesInStep) {
+  fake_peer::Server server;
+  server.start([](int fd, std::string& heard) {
+    send_text(fd, "220 ready\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "230 in\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "200 binary\r\n");
+    hear_line(fd, heard);  // PORT, never connected to
+    send_text(fd, "200 PORT ok\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "150 opening\r\n425 Cannot open data connection\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "250 CWD ok\r\n");
+  });
+  auto conn = ftp_conn(server.port, false, 0);
+  conn->timeout_seconds = 1;
+  std::string err, data;
+  ASSERT_TRUE(ftp_connect(err, *conn)) << err;
+  EXPECT_FALSE(ftp_get(err, *conn, "f", data));
+  EXPECT_EQ("Error:  The server did not open the data connection.\n", err);
+  err.clear();
+  EXPECT_TRUE(ftp_cd(err, *conn, "pub")) << err;
+  server.finish();
+}
+
 }  // namespace
