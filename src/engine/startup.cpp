@@ -12,6 +12,7 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
+#include "functions/cvfile.h"
 #include "net/cvweb.h"
 #include "values/decimal.h"
 
@@ -226,6 +227,7 @@ int cvml_main(int argc, char** argv, char** envp) {
 
   run_pages();
   send_page();
+  cvfile_close_all();
   database_shutdown();
   decimal_engine_stop();
   cvweb_close_all();

@@ -3,6 +3,7 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
+#include "functions/cvfile.h"
 #include "functions/cvmath.h"
 #include "functions/cvstr.h"
 #include "functions/cvtime.h"
@@ -56,6 +57,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"CVELSE", CLASS_STATEMENT, cvelse_handler},
     {"CVELSEIF", CLASS_STATEMENT, cvelseif_handler},
     {"CVEXIT", CLASS_STATEMENT, cvexit_handler},
+    {"CVFILE", CLASS_STATEMENT, cvfile_handler},
     {"CVFLUSH", CLASS_STATEMENT, cvflush_handler},
     {"CVFOR", CLASS_STATEMENT, cvfor_handler},
     {"CVHEADER", CLASS_STATEMENT, cvheader_handler},

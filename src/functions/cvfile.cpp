@@ -1,0 +1,293 @@
+// CVFILE: the run's open-file table and the tag's open, remove and
+// handle operations.
+#include "functions/cvfile.h"
+
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include <unistd.h>
+
+#include "engine/engine.h"
+#include "engine/output.h"
+#include "engine/report.h"
+#include "values/decimal.h"
+#include "values/expression.h"
+#include "values/level4.h"
+#include "values/nocase.h"
+
+namespace {
+
+constexpr std::string_view kWebProtocol =
+    "CVFILE does not recognize web protocols or absolute paths based at the root of the drive.";
+constexpr std::string_view kNotObtained =
+    "An error occurred in obtaining the CVFILE variable.  See the diagnostic message above for details.";
+constexpr std::string_view kOpenFailed =
+    "Error opening the file for reading/writing.  An internal error occurred in Corvane.\n";
+constexpr std::string_view kNoAction =
+    "CVFILE requires either the 'openfile' or 'removefile' option to be used with the 'filename' option.  "
+    "See the Corvane documentaton for details.";
+constexpr std::string_view kBadHandle =
+    "CVFILE requires the 'filevar' option to contain a valid indirect reference to an open file.";
+constexpr std::string_view kSeekNotNumber = "CVFILE requires the 'seek' option to be either a blank string or a number.";
+constexpr std::string_view kBadPosition =
+    "CVFILE requires the 'position' option to be 'start', 'current', or 'end'.  See the Corvane documenation for "
+    "details.";
+constexpr std::string_view kReadNeedsVar =
+    "CVFILE requires the 'var' option to be used with the 'read' option.  See the Corvane documentation for details.";
+constexpr std::string_view kReadNotNumber = "CVFILE requires the 'read' option to be either a blank string or a number.";
+constexpr std::string_view kReadNegative =
+    "CVFILE requires the 'read' option to be a positive integer or zero (0).  See the Corvane documentation for "
+    "details.";
+constexpr std::string_view kInternal = "An internal error occurred in Corvane.";
+
+// Lines are read in pieces of this many bytes at most.
+constexpr size_t kLinePiece = 49;
+
+struct FileCloser {
+  void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// A slot is empty when its stream is null.  Slots are never reused, so a
+// handle names one file for the whole run.
+struct OpenFile {
+  std::string path;
+  FilePtr stream;
+};
+
+std::vector<OpenFile>& open_files() {
+  static std::vector<OpenFile> table;
+  return table;
+}
+
+ValuePtr fail(const ParsedTag& tag, std::string_view message) {
+  report_error(tag, message);
+  return value_new();
+}
+
+std::string without_blanks(std::string_view text) {
+  std::string out;
+  for (char c : text)
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
+  return out;
+}
+
+bool keyword_is(std::string_view text, std::string_view word) { return equals_nocase(without_blanks(text), word); }
+
+// The variable a required option names, or null after reporting.
+Value* obtain(const ParsedTag& tag, std::string_view option, std::string_view missing_message = {}) {
+  const std::string* reference = tag_option(tag, option);
+  if (!reference) {
+    report_error(tag, missing_message.empty() ? option_required_message("CVFILE", option) : missing_message);
+    return nullptr;
+  }
+  Value* v = level4_resolve(*reference);
+  if (!v) report_error(tag, kNotObtained);
+  return v;
+}
+
+// Positions and sizes are integers while they fit one.
+ValuePtr offset_value(int64_t n) {
+  if (n >= std::numeric_limits<int32_t>::min() && n <= std::numeric_limits<int32_t>::max())
+    return value_from_integer(static_cast<int32_t>(n));
+  return value_from_number(static_cast<double>(n));
+}
+
+void store(Value* dest, ValuePtr v) { value_assign(dest, v.get()); }
+
+// A number option as a whole number: decimal through its integer part,
+// floating point truncated.  False for anything that is not a number.
+bool whole_number(const Value& v, int64_t* out) {
+  if (v.type == VT_INTEGER) {
+    *out = v.integer;
+    return true;
+  }
+  return (v.type == VT_DECIMAL || v.type == VT_NUMBER) && expr_value_as_integer(v, out);
+}
+
+int64_t file_size(std::FILE* f) {
+  off_t here = ftello(f);
+  fseeko(f, 0, SEEK_END);
+  off_t size = ftello(f);
+  fseeko(f, here, SEEK_SET);
+  return size < 0 ? 0 : size;
+}
+
+// ---------------------------------------------------------------------------
+// With a file name
+
+ValuePtr open_file(const ParsedTag& tag, const std::string& path) {
+  Value* var = obtain(tag, "filevar");
+  if (!var) return value_new();
+  std::vector<OpenFile>& table = open_files();
+  table.push_back(OpenFile{path, nullptr});
+  FilePtr f(std::fopen(path.c_str(), "r+b"));
+  if (!f) {
+    // Only a file that does not exist yet is created: "x" never truncates.
+    FilePtr created(std::fopen(path.c_str(), "wbx"));
+    if (created) {
+      created.reset();
+      f.reset(std::fopen(path.c_str(), "r+b"));
+    }
+  }
+  if (!f) {
+    table.back().path.clear();
+    return fail(tag, kOpenFailed);
+  }
+  table.back().stream = std::move(f);
+  store(var, value_from_integer(static_cast<int32_t>(table.size() - 1)));
+  return value_new();
+}
+
+// ---------------------------------------------------------------------------
+// With a handle
+
+ValuePtr seek_file(const ParsedTag& tag, std::FILE* f, const std::string& seek) {
+  ValuePtr amount = expr_evaluate(seek);
+  if (engine.stop) return value_new();
+  int64_t target = 0;
+  if (!amount || !whole_number(*amount, &target)) return fail(tag, kSeekNotNumber);
+  int64_t size = file_size(f);
+  const std::string* position = tag_option(tag, "position");
+  if (!position || keyword_is(*position, "start")) {
+  } else if (keyword_is(*position, "current")) {
+    target += ftello(f);
+  } else if (keyword_is(*position, "end")) {
+    target += size;
+  } else {
+    return fail(tag, kBadPosition);
+  }
+  fseeko(f, target < 0 ? 0 : target > size ? size : target, SEEK_SET);
+  return value_new();
+}
+
+std::string read_line(std::FILE* f) {
+  std::string line;
+  // Read piece by piece as the stream allows; a line ends at its line feed.
+  for (;;) {
+    char piece[kLinePiece];
+    size_t n = 0;
+    int c = 0;
+    while (n < kLinePiece && (c = std::getc(f)) != EOF) {
+      piece[n++] = static_cast<char>(c);
+      if (c == '\n') break;
+    }
+    line.append(piece, n);
+    if (c == EOF || (n > 0 && piece[n - 1] == '\n')) break;
+  }
+  while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.pop_back();
+  return line;
+}
+
+ValuePtr read_file(const ParsedTag& tag, std::FILE* f, const std::string& how) {
+  Value* var = obtain(tag, "var", kReadNeedsVar);
+  if (!var) return value_new();
+  fseeko(f, 0, SEEK_CUR);  // reading may follow writing
+  std::string bytes;
+  bool got = false;
+  if (keyword_is(how, "all")) {
+    char buffer[8192];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) bytes.append(buffer, n);
+    got = !bytes.empty();
+  } else if (keyword_is(how, "line")) {
+    int c = std::getc(f);
+    got = c != EOF;
+    if (got) {
+      std::ungetc(c, f);
+      bytes = read_line(f);
+    }
+  } else {
+    ValuePtr count_value = expr_evaluate(how);
+    if (engine.stop) return value_new();
+    int64_t count = 0;
+    if (!count_value || !whole_number(*count_value, &count)) return fail(tag, kReadNotNumber);
+    if (count < 0) return fail(tag, kReadNegative);
+    int64_t left = file_size(f) - ftello(f);
+    size_t want = static_cast<size_t>(std::max<int64_t>(0, std::min(count, left)));
+    bytes.resize(want);
+    bytes.resize(std::fread(bytes.data(), 1, want, f));
+    got = !bytes.empty();
+  }
+  // The variable may have moved while the count was evaluated.
+  if (!(var = level4_resolve(*tag_option(tag, "var")))) return fail(tag, kNotObtained);
+  store(var, got ? value_from_string(std::move(bytes)) : value_new());
+  return value_new();
+}
+
+ValuePtr write_file(const ParsedTag& tag, std::FILE* f) {
+  Value* var = obtain(tag, "writevar");
+  if (!var) return value_new();
+  ValuePtr text = value_to_string(*var);
+  if (!text || text->type != VT_STRING) return fail(tag, kInternal);
+  std::string bytes = value_text(*text);
+  fseeko(f, 0, SEEK_CUR);  // writing may follow reading
+  if (std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) return fail(tag, kInternal);
+  std::fflush(f);
+  return value_new();
+}
+
+ValuePtr store_into(const ParsedTag& tag, std::string_view option, ValuePtr v) {
+  Value* var = obtain(tag, option);
+  if (var) store(var, std::move(v));
+  return value_new();
+}
+
+ValuePtr handle_operation(const ParsedTag& tag) {
+  Value* handle_var = obtain(tag, "filevar");
+  if (!handle_var) return value_new();
+  int64_t handle = -1;
+  if (!whole_number(*handle_var, &handle)) handle = -1;
+  std::vector<OpenFile>& table = open_files();
+  if (handle < 0 || handle >= static_cast<int64_t>(table.size()) || !table[handle].stream)
+    return fail(tag, kBadHandle);
+  OpenFile& slot = table[handle];
+  std::FILE* f = slot.stream.get();
+
+  if (tag_option(tag, "closefile")) {
+    slot.stream.reset();
+    slot.path.clear();
+    return value_new();
+  }
+  if (const std::string* seek = tag_option(tag, "seek")) return seek_file(tag, f, *seek);
+  if (const std::string* how = tag_option(tag, "read")) return read_file(tag, f, *how);
+  if (tag_option(tag, "writevar")) return write_file(tag, f);
+  if (tag_option(tag, "positionvar")) return store_into(tag, "positionvar", offset_value(ftello(f)));
+  if (tag_option(tag, "eofvar")) return store_into(tag, "eofvar", value_from_integer(std::feof(f) ? 32 : 0));
+  if (tag_option(tag, "filesizevar")) return store_into(tag, "filesizevar", offset_value(file_size(f)));
+  return value_new();
+}
+
+}  // namespace
+
+bool web_space_path(std::string_view name, std::string_view default_name, std::string* path) {
+  if (name.find('\0') != std::string_view::npos) return false;
+  std::string target(name);
+  // A final "." or ".." names a directory: resolve it as one, so that it
+  // cannot be joined to the page directory unresolved.
+  std::string_view last = last_path_part(target);
+  if (last == "." || last == "..") target += '/';
+  const PageContext* ctx = current_context();
+  std::string directory;
+  if (!resolve_page_directory(ctx ? ctx->directory : std::string("/"), target, &directory)) return false;
+  std::string file(last_path_part(target));
+  if (file.empty()) file = default_name;
+  *path = engine.settings.doc_root + directory + file;
+  return true;
+}
+
+void cvfile_close_all() { open_files().clear(); }
+
+ValuePtr cvfile_handler(const ParsedTag& tag) {
+  const std::string* filename = tag_option(tag, "filename");
+  if (!filename) return handle_operation(tag);
+  std::string path;
+  if (!web_space_path(*filename, "index.cvm", &path)) return fail(tag, kWebProtocol);
+  if (tag_option(tag, "openfile")) return open_file(tag, path);
+  if (tag_option(tag, "removefile")) {
+    ::unlink(path.c_str());  // files only, never directories; a failure is not reported
+    return value_new();
+  }
+  return fail(tag, kNoAction);
+}
