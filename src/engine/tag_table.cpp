@@ -3,6 +3,7 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
+#include "functions/cvapi.h"
 #include "functions/cvfile.h"
 #include "functions/cvmath.h"
 #include "functions/cvstr.h"
@@ -45,6 +46,7 @@ const BuiltinRow kBuiltinRows[] = {
     {"/CVVAR", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVWEB", CLASS_STATEMENT, unneeded_tag_handler},
     {"/CVWHILE", CLASS_STATEMENT, cvwhile_close_handler},
+    {"CV-API", CLASS_FUNCTION, cvapi_handler},
     {"CV-CONVERT", CLASS_FUNCTION, cvconvert_handler},
     {"CV-LIST", CLASS_FUNCTION, cvlist_handler},
     {"CV-MATH", CLASS_FUNCTION, cvmath_handler},
