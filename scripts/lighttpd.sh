@@ -11,6 +11,8 @@
 #   scripts/lighttpd.sh serve DOCROOT CVML   serves until Ctrl-C
 #
 # LIGHTTPD_CGI_TIMEOUT (seconds, default 30) bounds a page that never ends.
+# LIGHTTPD_EXTRA_CONF, when set, holds configuration lines appended to the
+# generated configuration (a test's own CGI handlers or parser options).
 
 LIGHTTPD_PORT=
 LIGHTTPD_PID=
@@ -65,6 +67,9 @@ mimetype.assign = (
   ".svg" => "image/svg+xml", ".txt" => "text/plain", "" => "application/octet-stream"
 )
 EOF
+  if [ -n "${LIGHTTPD_EXTRA_CONF:-}" ]; then
+    printf '%s\n' "$LIGHTTPD_EXTRA_CONF" >> "$LIGHTTPD_DIR/lighttpd.conf"
+  fi
 }
 
 # Succeeds when something already listens on 127.0.0.1:$1.

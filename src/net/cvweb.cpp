@@ -11,6 +11,7 @@
 
 #include "engine/report.h"
 #include "functions/encoders.h"
+#include "net/ftp.h"
 #include "net/http.h"
 #include "net/pop3.h"
 #include "net/smtp.h"
@@ -356,12 +357,75 @@ void pop3_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) 
   }
 }
 
+// ftp: GET file var; PUT file var; DELETE file; CD dir; MD dir; RD dir;
+// LIST var.  GET stores the file's bytes as a string; LIST stores the
+// listing as one string, exactly as the server sent it (its lines keep their
+// "\r\n" ends), since listing formats differ from server to server.
+void ftp_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
+  if (!ftp_state(conn)) {
+    report_error(tag, "An internal error occurred in Corvane.");
+    return;
+  }
+  std::string err;
+  if (keyword_is(op, "GET")) {
+    const std::string* file = need(tag, "file", "GET");
+    if (!file) return;
+    const std::string* var = need(tag, "var", "GET");
+    if (!var) return;
+    std::string data;
+    if (!ftp_get(err, conn, *file, data)) {
+      fail(tag, "CVWEB was unable to receive the file from the FTP server." + std::string(kInternal), err);
+      return;
+    }
+    store(tag, *var, value_from_string(std::move(data)));
+  } else if (keyword_is(op, "PUT")) {
+    const std::string* file = need(tag, "file", "PUT");
+    if (!file) return;
+    const std::string* var = need(tag, "var", "PUT");
+    std::string data;
+    if (!var || !fetch_text(tag, *var, &data)) return;
+    if (!ftp_put(err, conn, *file, data))
+      fail(tag, "CVWEB was unable to upload the file to the FTP server." + std::string(kInternal), err);
+  } else if (keyword_is(op, "DELETE")) {
+    const std::string* file = need(tag, "file", "DELETE");
+    if (file && !ftp_delete(err, conn, *file))
+      fail(tag, "CVWEB was unable to delete the file on the FTP server." + std::string(kInternal), err);
+  } else if (keyword_is(op, "CD") || keyword_is(op, "MD") || keyword_is(op, "RD")) {
+    bool cd = keyword_is(op, "CD"), md = keyword_is(op, "MD");
+    const std::string* dir = need(tag, "dir", cd ? "CD" : md ? "MD" : "RD");
+    if (!dir) return;
+    bool done = cd ? ftp_cd(err, conn, *dir) : md ? ftp_md(err, conn, *dir) : ftp_rd(err, conn, *dir);
+    if (!done)
+      fail(tag,
+           std::string(cd   ? "CVWEB was unable to change to the specified directory on the FTP server."
+                       : md ? "CVWEB was unable to create the specified directory on the FTP server."
+                            : "CVWEB was unable to delete the specified directory on the FTP server.") +
+               std::string(kInternal),
+           err);
+  } else if (keyword_is(op, "LIST")) {
+    const std::string* var = need(tag, "var", "LIST");
+    if (!var) return;
+    std::string listing;
+    if (!ftp_list(err, conn, listing)) {
+      fail(tag,
+           "CVWEB was unable to receive the current directory listing from the FTP server." + std::string(kInternal),
+           err);
+      return;
+    }
+    store(tag, *var, value_from_string(std::move(listing)));
+  } else {
+    report_error(tag, "CVWEB requires the 'ftp' option to be 'GET', 'PUT', 'DELETE', 'CD', 'MD', 'RD', or 'LIST'." +
+                          std::string(kSeeDocs));
+  }
+}
+
 // Ends the session the way its protocol expects: mail and file servers get
 // QUIT (which also commits POP3 deletions), the others are just closed.
 void close_by_kind(NetConn& conn) {
   if (!conn.connected) return;
   if (conn.kind == NET_SMTP) smtp_quit(conn);
   else if (conn.kind == NET_POP3) pop3_quit(conn);
+  else if (conn.kind == NET_FTP) ftp_quit(conn);
   net_close(conn);
 }
 
@@ -380,7 +444,7 @@ void run_operation(const ParsedTag& tag, size_t slot) {
   };
   static const KindRow kRows[] = {{NET_RAW, "raw", raw_operation},    {NET_HTTP, "http", http_operation},
                                   {NET_SMTP, "smtp", smtp_operation}, {NET_POP3, "pop3", pop3_operation},
-                                  };
+                                  {NET_FTP, "ftp", ftp_operation}};
   for (const KindRow& row : kRows) {
     if (row.kind != conn.kind) continue;
     const std::string* op = tag_option(tag, row.option);
@@ -457,6 +521,22 @@ bool open_connection(const ParsedTag& tag, NetConn& conn, const std::string& ser
       if (pop3_set_server(conn, server, port, *user, *password) && pop3_connect(err, conn)) return true;
       fail(tag, "CVWEB was unable to connect to the POP3 server." + std::string(kInternal), err);
       return false;
+    case NET_FTP: {
+      int64_t base = kFtpDefaultDataPort;
+      const std::string* base_text = tag_option(tag, "basedataport");
+      if (base_text && !whole_option(*base_text, kFtpDefaultDataPort, 65535, &base)) {
+        report_error(tag, not_non_negative("basedataport"));
+        return false;
+      }
+      const std::string* account = tag_option(tag, "account");
+      bool passive = tag_option(tag, "passive") != nullptr;
+      if (ftp_set_server(conn, server, port, user ? *user : std::string(), password ? *password : std::string(),
+                         account ? *account : std::string(), passive, static_cast<int>(base)) &&
+          ftp_connect(err, conn))
+        return true;
+      fail(tag, "CVWEB was unable to connect to the FTP server." + std::string(kInternal), err);
+      return false;
+    }
   }
   report_error(tag, "CVWEB does not currently support the requested protocol." + std::string(kSeeDocs));
   return false;
