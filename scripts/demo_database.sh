@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Makes the demo site's database and the ODBC files that name it, in DIR:
-# DIR/demo.db (SQLite), DIR/odbcinst.ini (the SQLite ODBC driver) and
+# DIR/planets.db (SQLite), DIR/odbcinst.ini (the SQLite ODBC driver) and
 # DIR/odbc.ini (the data source "cvmldemo").  Idempotent: an existing
 # database is kept; the two configuration files are rewritten.
 # Afterwards: export ODBCSYSINI=DIR ODBCINI=DIR/odbc.ini
@@ -19,13 +19,13 @@ done
 [ -n "$driver" ] || { echo "demo_database.sh: the SQLite ODBC driver is missing (scripts/setup.sh installs it)" >&2; exit 1; }
 
 printf '[SQLite3]\nDriver=%s\n' "$driver" > "$dir/odbcinst.ini"
-printf '[cvmldemo]\nDriver=SQLite3\nDatabase=%s\n' "$dir/demo.db" > "$dir/odbc.ini"
+printf '[cvmldemo]\nDriver=SQLite3\nDatabase=%s\n' "$dir/planets.db" > "$dir/odbc.ini"
 
-if [ ! -s "$dir/demo.db" ]; then
-  sqlite3 "$dir/demo.db.new" <<'SQL'
-CREATE TABLE planets (name VARCHAR(20), moons INTEGER, radius_km DOUBLE);
-INSERT INTO planets VALUES ('Mercury', 0, 2439.7), ('Venus', 0, 6051.8), ('Earth', 1, 6371.0),
-  ('Mars', 2, 3389.5), ('Jupiter', 95, 69911.0), ('Saturn', 146, 58232.0);
+if [ ! -s "$dir/planets.db" ]; then
+  sqlite3 "$dir/planets.db.new" <<'SQL'
+CREATE TABLE planets (name VARCHAR(20), moons INTEGER, radius_km INTEGER);
+INSERT INTO planets VALUES ('Mercury', 0, 2440), ('Venus', 0, 6052), ('Earth', 1, 6371),
+  ('Mars', 2, 3390), ('Jupiter', 95, 69911), ('Saturn', 146, 58232);
 SQL
-  mv "$dir/demo.db.new" "$dir/demo.db"
+  mv "$dir/planets.db.new" "$dir/planets.db"
 fi
