@@ -70,41 +70,7 @@ void capture_node() {
 // The processed body up to the matching </CVQUERY>, whose handler ends the
 // walk by replacing this tag's stack entry.  False when the block is not
 // closed in this context.
-bool collect_body(std::string* sql) {
-  PageContext* ctx = current_context();
-  const ParsedTag* self = ctx->current_node;
-  tag_stack_push();
-  size_t depth = ctx->tag_stack.size();
-  DynStringPtr page_body = std::move(engine.body);
-  engine.body = dyn_new();
-  ctx->current_node = self->next;
-
-  auto still_open = [&] { return ctx->tag_stack.size() >= depth && ctx->tag_stack[depth - 1] == self; };
-  while (!engine.stop && ctx->current_node && still_open()) {
-    capture_node();
-    // A page included by that node runs to its end inside the capture.
-    while (!engine.stop && current_context() != ctx) {
-      if (!current_context()->current_node) {
-        if (current_context()->debug == DEBUG_ON) write_page_statistics();
-        context_pop();
-        continue;
-      }
-      capture_node();
-    }
-  }
-
-  bool unclosed = still_open();
-  if (ctx->tag_stack.size() >= depth) ctx->tag_stack.resize(depth - 1);
-  ctx->stay = true;
-  *sql = engine.body ? dyn_take(std::move(engine.body)) : std::string();
-  engine.body = std::move(page_body);
-  if (!ctx->current_node && unclosed) {
-    ctx->current_node = self;
-    sql->clear();
-    return false;
-  }
-  return true;
-}
+bool collect_body(std::string* sql) { return run_block_captured(capture_node, sql); }
 
 // Reports a failure of the ODBC layer: its text above the report.  The
 // body has been walked by then, so the report is pointed back at the

@@ -174,6 +174,42 @@ const ParsedTag* find_block_end(const ParsedTag* from, std::string_view open, st
   return nullptr;
 }
 
+bool run_block_captured(void (*capture)(), std::string* captured) {
+  PageContext* ctx = current_context();
+  const ParsedTag* self = ctx->current_node;
+  tag_stack_push();
+  size_t depth = ctx->tag_stack.size();
+  DynStringPtr page_body = std::move(engine.body);
+  engine.body = dyn_new();
+  ctx->current_node = self->next;
+
+  auto still_open = [&] { return ctx->tag_stack.size() >= depth && ctx->tag_stack[depth - 1] == self; };
+  while (!engine.stop && ctx->current_node && still_open()) {
+    capture();
+    // A page included by that node runs to its end inside the block.
+    while (!engine.stop && current_context() != ctx) {
+      if (!current_context()->current_node) {
+        if (current_context()->debug == DEBUG_ON) write_page_statistics();
+        context_pop();
+        continue;
+      }
+      capture();
+    }
+  }
+
+  bool unclosed = still_open();
+  if (ctx->tag_stack.size() >= depth) ctx->tag_stack.resize(depth - 1);
+  ctx->stay = true;
+  *captured = engine.body ? dyn_take(std::move(engine.body)) : std::string();
+  engine.body = std::move(page_body);
+  if (!ctx->current_node && unclosed) {
+    ctx->current_node = self;
+    captured->clear();
+    return false;
+  }
+  return true;
+}
+
 // ---------------------------------------------------------------------------
 // Processing
 

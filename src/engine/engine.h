@@ -114,3 +114,12 @@ ValuePtr call_variable_tag(const ParsedTag& tag);
 // `open`/`close` tags is zero.
 const ParsedTag* find_block_end(const ParsedTag* from, std::string_view open, std::string_view close);
 bool tag_is(const ParsedTag* node, std::string_view name);
+
+// Runs the block that the current node opens, from the node after it until
+// its closing tag replaces the opening tag's stack entry, with the page body
+// set aside: `capture` processes one node into the fresh body buffer, and
+// what the block wrote comes back in `captured`.  Pages included by the
+// block run to their end inside it.  False, with `current_node` back on the
+// opening tag and nothing captured, when the chain ends before the closing
+// tag.
+bool run_block_captured(void (*capture)(), std::string* captured);

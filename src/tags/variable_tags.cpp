@@ -53,36 +53,8 @@ void capture_node() {
 // <CVDIRECT var=... processtags> ... </CVDIRECT>: the block's output.  The
 // closing tag's handler ends the loop by replacing this tag's stack entry.
 ValuePtr direct_processed(const ParsedTag& tag, const std::string& var) {
-  PageContext* ctx = current_context();
-  const ParsedTag* self = ctx->current_node;
-  tag_stack_push();
-  size_t depth = ctx->tag_stack.size();
-  DynStringPtr page_body = std::move(engine.body);
-  engine.body = dyn_new();
-  ctx->current_node = self->next;
-
-  auto still_open = [&] { return ctx->tag_stack.size() >= depth && ctx->tag_stack[depth - 1] == self; };
-  while (!engine.stop && ctx->current_node && still_open()) {
-    capture_node();
-    // A page included by that node runs to its end inside the capture.
-    while (!engine.stop && current_context() != ctx) {
-      if (!current_context()->current_node) {
-        if (current_context()->debug == DEBUG_ON) write_page_statistics();
-        context_pop();
-        continue;
-      }
-      capture_node();
-    }
-  }
-
-  bool unclosed = still_open();
-  if (ctx->tag_stack.size() >= depth) ctx->tag_stack.resize(depth - 1);
-  ctx->stay = true;
-  std::string captured = engine.body ? dyn_take(std::move(engine.body)) : std::string();
-  engine.body = std::move(page_body);
-
-  if (!ctx->current_node && unclosed) {
-    ctx->current_node = self;
+  std::string captured;
+  if (!run_block_captured(capture_node, &captured)) {
     report_error(tag, kDirectNoLocalClose);
     return value_new();
   }
