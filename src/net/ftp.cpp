@@ -15,22 +15,6 @@ constexpr size_t kMaxReply = 65536;
 // Active mode tries this many consecutive ports when one is taken.
 constexpr int kPortAttempts = 50;
 
-bool read_raw_line(NetConn& conn, std::string& line) {
-  size_t searched = 0;
-  for (;;) {
-    std::string_view unread = net_unread(conn);
-    size_t end = unread.find('\n', searched);
-    if (end != std::string_view::npos) {
-      line.assign(unread.substr(0, end + 1));
-      net_consume(conn, end + 1);
-      return true;
-    }
-    if (unread.size() > kMaxReply) return false;
-    searched = unread.size();
-    if (net_fill(conn) == 0) return false;
-  }
-}
-
 int code_of(std::string_view line) {
   if (line.size() < 3) return 0;
   int code = 0;
@@ -231,13 +215,13 @@ bool transfer(std::string& err, NetConn& conn, const std::string& line, std::str
 bool ftp_read_reply(NetConn& conn, FtpReply& reply) {
   reply = FtpReply{};
   std::string line;
-  if (!read_raw_line(conn, line)) return false;
+  if (!net_read_raw_line(conn, line, kMaxReply)) return false;
   reply.code = code_of(line);
   reply.text = line;
   if (reply.code == 0 || line.size() < 4 || line[3] != '-') return true;
   // A multi-line reply ends at the line with the same code and a blank.
   for (;;) {
-    if (!read_raw_line(conn, line) || reply.text.size() > kMaxReply) return false;
+    if (!net_read_raw_line(conn, line, kMaxReply) || reply.text.size() > kMaxReply) return false;
     reply.text += line;
     if (line.size() >= 4 && code_of(line) == reply.code && line[3] == ' ') return true;
   }

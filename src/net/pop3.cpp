@@ -11,23 +11,6 @@ namespace {
 // keeps a hostile count from sizing the array.
 constexpr uint32_t kMaxMessages = 1000000;
 
-// Takes the next line with its line end, refilling as needed.  False when
-// the peer closes (or falls silent) first.
-bool read_raw_line(NetConn& conn, std::string& line) {
-  size_t searched = 0;
-  for (;;) {
-    std::string_view unread = net_unread(conn);
-    size_t end = unread.find('\n', searched);
-    if (end != std::string_view::npos) {
-      line.assign(unread.substr(0, end + 1));
-      net_consume(conn, end + 1);
-      return true;
-    }
-    searched = unread.size();
-    if (net_fill(conn) == 0) return false;
-  }
-}
-
 std::string_view strip_line_end(std::string_view line) {
   if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
@@ -44,7 +27,7 @@ void refuse(std::string& err, std::string_view reply) {
 
 // Reads a single-line reply into `reply` and checks it.
 bool expect_ok(std::string& err, NetConn& conn, std::string& reply) {
-  if (!read_raw_line(conn, reply)) {
+  if (!net_read_raw_line(conn, reply)) {
     std::string_view rest = net_unread(conn);
     reply.assign(rest);
     net_consume(conn, rest.size());
@@ -75,7 +58,7 @@ std::string number_text(uint32_t number) { return std::to_string(number); }
 bool read_multiline(std::string& err, NetConn& conn, std::string& lines) {
   std::string line;
   for (;;) {
-    if (!read_raw_line(conn, line)) {
+    if (!net_read_raw_line(conn, line)) {
       err += "Error:  Server dropped connection.\n";
       return false;
     }
@@ -206,7 +189,7 @@ bool pop3_delete(std::string& err, NetConn& conn, uint32_t number) {
 void pop3_quit(NetConn& conn) {
   if (conn.connected && net_send(conn, "QUIT\r\n")) {
     std::string reply;
-    read_raw_line(conn, reply);
+    net_read_raw_line(conn, reply);
   }
   net_close(conn);
 }

@@ -229,21 +229,27 @@ void net_consume(NetConn& conn, size_t count) {
   conn.read_pos += std::min(count, conn.buffer.size() - conn.read_pos);
 }
 
-bool net_read_line(NetConn& conn, std::string& line) {
+bool net_read_raw_line(NetConn& conn, std::string& line, size_t max_length) {
   size_t searched = 0;
   for (;;) {
     std::string_view unread = net_unread(conn);
     size_t end = unread.find('\n', searched);
     if (end != std::string_view::npos) {
-      size_t length = end;
-      if (length > 0 && unread[length - 1] == '\r') --length;
-      line.assign(unread.substr(0, length));
+      line.assign(unread.substr(0, end + 1));
       net_consume(conn, end + 1);
       return true;
     }
+    if (unread.size() > max_length) return false;
     searched = unread.size();
     if (net_fill(conn) == 0) return false;
   }
+}
+
+bool net_read_line(NetConn& conn, std::string& line) {
+  if (!net_read_raw_line(conn, line)) return false;
+  line.pop_back();
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  return true;
 }
 
 bool net_wait_readable(const NetConn& conn, long seconds, long microseconds) {

@@ -90,6 +90,9 @@ void net_consume(NetConn& conn, size_t count);
 // Takes the next line without its "\n" (and without a "\r" before it),
 // refilling as needed.  False when the peer closes before a whole line.
 bool net_read_line(NetConn& conn, std::string& line);
+// The same with the line end kept; also false when more than `max_length`
+// bytes arrive without a line end.
+bool net_read_raw_line(NetConn& conn, std::string& line, size_t max_length = SIZE_MAX);
 
 // True when the socket can be read (or written) within the wait; a negative
 // `seconds` waits with no limit.
