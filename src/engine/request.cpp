@@ -7,13 +7,14 @@
 #include <cstdlib>
 
 #include "engine/engine.h"
+#include "engine/report.h"
 #include "engine/startup.h"
 #include "functions/encoders.h"
 
-std::vector<RequestPair> parse_pairs(std::string_view text) {
+std::vector<RequestPair> parse_pairs(std::string_view text, size_t max_pairs) {
   std::vector<RequestPair> pairs;
   size_t begin = 0;
-  while (true) {
+  while (pairs.size() < max_pairs) {
     size_t amp = text.find('&', begin);
     std::string_view piece = text.substr(begin, amp == std::string_view::npos ? std::string_view::npos : amp - begin);
     size_t eq = piece.find('=');
@@ -27,11 +28,11 @@ std::vector<RequestPair> parse_pairs(std::string_view text) {
   return pairs;
 }
 
-std::vector<RequestPair> parse_cookies(std::string_view text) {
+std::vector<RequestPair> parse_cookies(std::string_view text, size_t max_pairs) {
   std::vector<RequestPair> pairs;
   size_t i = 0, n = text.size();
   auto is_sep = [](char c) { return c == '=' || c == ' ' || c == ';'; };
-  while (true) {
+  while (pairs.size() < max_pairs) {
     while (i < n && is_sep(text[i])) ++i;
     if (i >= n) break;
     size_t key_start = i;
@@ -77,6 +78,20 @@ ValuePtr hash_of_pairs(std::vector<RequestPair> pairs) {
     hash->rows.push_back(std::move(row));
   }
   return hash;
+}
+
+// Parses one part of the request, keeping at most kMaxRequestPairs pairs;
+// a longer part leaves a warning for the error report.
+std::vector<RequestPair> bounded_pairs(std::string_view text, bool cookies, const char* part) {
+  std::vector<RequestPair> pairs = cookies ? parse_cookies(text, kMaxRequestPairs + 1)
+                                           : parse_pairs(text, kMaxRequestPairs + 1);
+  if (pairs.size() > kMaxRequestPairs) {
+    pairs.resize(kMaxRequestPairs);
+    report_diagnostic(std::string("Warning:  The ") + part + " holds more than " +
+                      std::to_string(kMaxRequestPairs) + " pairs; only the first " +
+                      std::to_string(kMaxRequestPairs) + " were kept.\n");
+  }
+  return pairs;
 }
 
 std::string read_post_body(size_t length) {
@@ -138,7 +153,7 @@ void request_variables() {
   // Pairs are stored newest first, so equal keys stand in reverse order.
   const char* query = std::getenv("QUERY_STRING");
   if (query && *query) {
-    std::vector<RequestPair> pairs = parse_pairs(query);
+    std::vector<RequestPair> pairs = bounded_pairs(query, false, "query string");
     std::reverse(pairs.begin(), pairs.end());
     set_variable("HTTPGET", hash_of_pairs(std::move(pairs)));
   }
@@ -146,12 +161,12 @@ void request_variables() {
   if (is_post()) {
     std::string body = read_post_body(content_length());
     if (!body.empty()) {
-      std::vector<RequestPair> pairs = parse_pairs(body);
+      std::vector<RequestPair> pairs = bounded_pairs(body, false, "POST body");
       std::reverse(pairs.begin(), pairs.end());
       set_variable("HTTPPOST", hash_of_pairs(std::move(pairs)));
     }
   }
 
   const char* cookie = std::getenv("HTTP_COOKIE");
-  if (cookie && *cookie) set_variable("HTTPCOOKIE", hash_of_pairs(parse_cookies(cookie)));
+  if (cookie && *cookie) set_variable("HTTPCOOKIE", hash_of_pairs(bounded_pairs(cookie, true, "cookie header")));
 }

@@ -194,7 +194,7 @@ bool engine_init() {
   engine.body = dyn_new();
   engine.sql_stats = dyn_new();
   engine.stats = dyn_new();
-  engine.errors = dyn_new();
+  if (!engine.errors) engine.errors = dyn_new();  // the request may have warned already
   return engine.header && engine.body && engine.sql_stats && engine.stats && engine.errors;
 }
 

@@ -30,5 +30,11 @@ bool resolve_path(std::string_view base, std::string_view relative, std::string*
 struct RequestPair {
   std::string key, value;
 };
-std::vector<RequestPair> parse_pairs(std::string_view text);
-std::vector<RequestPair> parse_cookies(std::string_view text);
+// Both stop after `max_pairs` pairs (a request's variables are bounded:
+// see kMaxRequestPairs).
+std::vector<RequestPair> parse_pairs(std::string_view text, size_t max_pairs = SIZE_MAX);
+std::vector<RequestPair> parse_cookies(std::string_view text, size_t max_pairs = SIZE_MAX);
+// Pairs kept from one part of a request (query string, POST body, cookies);
+// each pair costs a few hundred bytes as variables, so a hostile request of
+// millions of pairs is cut here, with a warning in the error report.
+constexpr size_t kMaxRequestPairs = 100000;

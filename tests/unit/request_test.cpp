@@ -39,6 +39,12 @@ TEST(ParsePairs, MissingAndEmptyValues) {
   EXPECT_EQ(1u, parse_pairs("").size());
 }
 
+TEST(ParsePairs, StopAtTheBound) {
+  EXPECT_EQ("a=1|b=", joined(parse_pairs("a=1&b&c=3", 2)));
+  EXPECT_EQ("x=1", joined(parse_cookies("x=1; y=2; z", 1)));
+  EXPECT_EQ(0u, parse_pairs("a=1", 0).size());
+}
+
 TEST(ParsePairs, KeysAndValuesAreDecoded) {
   EXPECT_EQ("k y=a b|A=jj @", joined(parse_pairs("k+y=a%20b&%41=%6A%6a+%4g")));
   // A "%" with fewer than two characters after it stays as written.
