@@ -74,11 +74,6 @@ void header_line(std::string_view line) {
   dyn_puts(engine.header.get(), line);
 }
 
-ValuePtr fail(const ParsedTag& tag, std::string_view message) {
-  report_error(tag, message);
-  return value_new();
-}
-
 }  // namespace
 
 std::string_view last_path_part(std::string_view path) {
@@ -116,13 +111,13 @@ bool resolve_page_directory(std::string_view directory, std::string_view target,
 
 ValuePtr cvmlmode_handler(const ParsedTag& tag) {
   const std::string* type = tag_option(tag, "type");
-  if (!type) return fail(tag, option_required_message("CVMLMODE", "type"));
+  if (!type) return report_failure(tag, option_required_message("CVMLMODE", "type"));
   PageContext* ctx = current_context();
   if (equals_nocase(*type, "normal")) ctx->output_mode = OUTPUT_NORMAL;
   else if (equals_nocase(*type, "binary")) ctx->output_mode = OUTPUT_BINARY;
   else if (equals_nocase(*type, "off")) ctx->output_mode = OUTPUT_OFF;
   else
-    return fail(tag, "CVMLMODE requires the 'type' option to be 'normal', 'binary', or 'off'.  "
+    return report_failure(tag, "CVMLMODE requires the 'type' option to be 'normal', 'binary', or 'off'.  "
                      "See the Corvane documentation for details.");
   return value_new();
 }
@@ -133,27 +128,26 @@ ValuePtr cvmlmode_handler(const ParsedTag& tag) {
 
 ValuePtr cvheader_handler(const ParsedTag& tag) {
   const std::string* type = tag_option(tag, "type");
-  if (!type) return fail(tag, option_required_message("CVHEADER", "type"));
+  if (!type) return report_failure(tag, option_required_message("CVHEADER", "type"));
   const std::string* value = tag_option(tag, "value");
-  if (!value) return fail(tag, option_required_message("CVHEADER", "value"));
+  if (!value) return report_failure(tag, option_required_message("CVHEADER", "value"));
 
   if (equals_nocase(*type, "cookie")) {
     const std::string* name = tag_option(tag, "name");
     if (!name)
-      return fail(tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
+      return report_failure(tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
                        "'cookie'.  See the Corvane documentation for details.");
     const std::string* encode = tag_option(tag, "encode");
     if (!encode)
-      return fail(tag, "CVHEADER requires the 'encode' option to be used when the 'type' option is "
+      return report_failure(tag, "CVHEADER requires the 'encode' option to be used when the 'type' option is "
                        "'cookie'.  See the Corvane documentation for details.");
-    std::string how = without(*encode, " \t\r\n");
     std::string encoded;
-    if (equals_nocase(how, "URL"))
+    if (keyword_is(*encode, "URL"))
       encoded = url_encode(*value);
-    else if (equals_nocase(how, "Base64"))
+    else if (keyword_is(*encode, "Base64"))
       encoded = base64_encode(*value);
     else
-      return fail(tag, "CVHEADER requires the 'encode' option to be 'URL' or 'Base64'.  "
+      return report_failure(tag, "CVHEADER requires the 'encode' option to be 'URL' or 'Base64'.  "
                        "See the Corvane documentation for details.");
     std::string line = "Set-Cookie: " + without(*name, " \t\r\n") + "=" + encoded;
     if (const std::string* date = tag_option(tag, "expirationdate"))
@@ -166,11 +160,11 @@ ValuePtr cvheader_handler(const ParsedTag& tag) {
   } else if (equals_nocase(*type, "rawheader")) {
     const std::string* name = tag_option(tag, "name");
     if (!name)
-      return fail(tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
+      return report_failure(tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
                        "'rawheader'.  See the Corvane documentation for details.");
     header_line(without(*name, "\r\n") + ": " + without(*value, "\r\n") + "\n");
   } else {
-    return fail(tag, "CVHEADER requires the 'type' option to be 'cookie', 'content-type', or "
+    return report_failure(tag, "CVHEADER requires the 'type' option to be 'cookie', 'content-type', or "
                      "'rawheader'.  See the Corvane documentation for details.");
   }
   return value_new();
@@ -181,7 +175,7 @@ ValuePtr cvheader_handler(const ParsedTag& tag) {
 
 ValuePtr cvlocation_handler(const ParsedTag& tag) {
   const std::string* location = tag_option(tag, "location");
-  if (!location) return fail(tag, option_required_message("CVLOCATION", "location"));
+  if (!location) return report_failure(tag, option_required_message("CVLOCATION", "location"));
   engine.stop = true;
   std::string target = *location;
   for (char& c : target) {

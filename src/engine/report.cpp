@@ -5,6 +5,7 @@
 
 #include "engine/engine.h"
 #include "engine/output.h"
+#include "values/nocase.h"
 
 namespace {
 
@@ -70,6 +71,11 @@ void report_error(const ParsedTag& tag, std::string_view message) {
     put(engine.errors, r);
   }
   engine.stop = true;
+}
+
+ValuePtr report_failure(const ParsedTag& tag, std::string_view message) {
+  report_error(tag, message);
+  return value_new();
 }
 
 void report_unneeded_tag(const ParsedTag& tag) {
@@ -212,15 +218,10 @@ ValuePtr cvdebug_handler(const ParsedTag& tag) {
     report_error(tag, option_required_message("CVDEBUG", "type"));
     return value_new();
   }
-  std::string word;
-  for (char c : *type) {
-    if (c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
-    word += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  }
   PageContext* ctx = current_context();
-  if (word == "on") ctx->debug = DEBUG_ON;
-  else if (word == "error") ctx->debug = DEBUG_ERRORS;
-  else if (word == "off") ctx->debug = DEBUG_OFF;
+  if (keyword_is(*type, "on")) ctx->debug = DEBUG_ON;
+  else if (keyword_is(*type, "error")) ctx->debug = DEBUG_ERRORS;
+  else if (keyword_is(*type, "off")) ctx->debug = DEBUG_OFF;
   else
     report_error(tag, "The CVDEBUG 'type' option may only be 'on', 'error', or 'off'.  "
                       "See the Corvane documentation for details.");

@@ -11,6 +11,8 @@
 
 // Files an error for `tag` (as the handler received it) and stops the page.
 void report_error(const ParsedTag& tag, std::string_view message);
+// report_error, then the empty value a failing handler returns.
+ValuePtr report_failure(const ParsedTag& tag, std::string_view message);
 // The warning for a closing tag that closes nothing.
 void report_unneeded_tag(const ParsedTag& tag);
 // A line for the error buffer, written when the current context's

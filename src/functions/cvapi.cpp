@@ -59,11 +59,6 @@ constexpr int64_t kMaxSleepMs = 60000;
 
 constexpr const char* kDayNames[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
 
-ValuePtr fail(const ParsedTag& tag, std::string_view message) {
-  report_error(tag, message);
-  return value_new();
-}
-
 std::string with_function_message(std::string_view option, std::string_view function) {
   return "CV-API requires the '" + std::string(option) + "' option to be used with the '" + std::string(function) +
          "' function.  See the Corvane documentation for details.";
@@ -95,13 +90,13 @@ mode_t apply_attributes(mode_t mode, std::string_view attrib) {
 
 ValuePtr run_chmod(const ParsedTag& tag) {
   const std::string* file = tag_option(tag, "file");
-  if (!file) return fail(tag, with_function_message("file", "chmod"));
+  if (!file) return report_failure(tag, with_function_message("file", "chmod"));
   const std::string* attrib = tag_option(tag, "attrib");
-  if (!attrib || attrib->size() != 4) return fail(tag, kBadAttrib);
+  if (!attrib || attrib->size() != 4) return report_failure(tag, kBadAttrib);
   std::string path;
-  if (!web_space_path(*file, "", &path)) return fail(tag, kWebProtocol);
+  if (!web_space_path(*file, "", &path)) return report_failure(tag, kWebProtocol);
   struct stat info;
-  if (::stat(path.c_str(), &info) != 0) return fail(tag, kNotFound);
+  if (::stat(path.c_str(), &info) != 0) return report_failure(tag, kNotFound);
   mode_t mode = info.st_mode & 07777;
   mode_t changed = apply_attributes(mode, *attrib);
   if (changed != mode) ::chmod(path.c_str(), changed);
@@ -148,14 +143,14 @@ struct DirCloser {
 
 ValuePtr run_dirinfo(const ParsedTag& tag) {
   const std::string* dir = tag_option(tag, "dir");
-  if (!dir) return fail(tag, with_function_message("dir", "dirinfo"));
+  if (!dir) return report_failure(tag, with_function_message("dir", "dirinfo"));
   const std::string* var_name = tag_option(tag, "var");
-  if (!var_name) return fail(tag, with_function_message("var", "dirinfo"));
-  if (!level4_resolve(*var_name)) return fail(tag, kNotObtained);
+  if (!var_name) return report_failure(tag, with_function_message("var", "dirinfo"));
+  if (!level4_resolve(*var_name)) return report_failure(tag, kNotObtained);
   std::string path;
-  if (!web_space_path(*dir, "", &path)) return fail(tag, kWebProtocol);
+  if (!web_space_path(*dir, "", &path)) return report_failure(tag, kWebProtocol);
   struct stat info;
-  if (::stat(path.c_str(), &info) != 0) return fail(tag, kNotFound);
+  if (::stat(path.c_str(), &info) != 0) return report_failure(tag, kNotFound);
 
   std::string own = path;
   while (own.size() > 1 && own.back() == '/') own.pop_back();
@@ -184,7 +179,7 @@ ValuePtr run_dirinfo(const ParsedTag& tag) {
   // Resolved again: nothing above may have moved it, but the table is the
   // one place that owns variables.
   Value* var = level4_resolve(*var_name);
-  if (!var) return fail(tag, kNotObtained);
+  if (!var) return report_failure(tag, kNotObtained);
   value_assign(var, table.get());
   return value_new();
 }
@@ -194,7 +189,7 @@ ValuePtr run_dirinfo(const ParsedTag& tag) {
 
 ValuePtr run_sleep(const ParsedTag& tag) {
   const std::string* value = tag_option(tag, "value");
-  if (!value) return fail(tag, with_function_message("value", "sleep"));
+  if (!value) return report_failure(tag, with_function_message("value", "sleep"));
   ValuePtr v = expr_evaluate(*value);
   if (engine.stop) return value_new();
   double ms = -1;
@@ -204,7 +199,7 @@ ValuePtr run_sleep(const ParsedTag& tag) {
     ms = v->number;
   else if (v && v->type == VT_INTEGER && v->integer >= 0)
     ms = v->integer;
-  if (ms < -0.000001 || ms != ms) return fail(tag, kBadSleep);
+  if (ms < -0.000001 || ms != ms) return report_failure(tag, kBadSleep);
   int64_t whole = ms > kMaxSleepMs ? kMaxSleepMs : static_cast<int64_t>(ms);
   if (whole <= 0) return value_new();
   struct timespec wait = {static_cast<time_t>(whole / 1000), static_cast<long>(whole % 1000) * 1000000L};
@@ -238,7 +233,7 @@ int cvapi_function_code(std::string_view name) {
 
 ValuePtr cvapi_handler(const ParsedTag& tag) {
   const std::string* function = tag_option(tag, "function");
-  if (!function) return fail(tag, option_required_message("CV-API", "function"));
+  if (!function) return report_failure(tag, option_required_message("CV-API", "function"));
   std::string name;
   for (char c : *function)
     if (c != ' ' && c != '\t' && c != '\r' && c != '\n') name += c;
@@ -247,6 +242,6 @@ ValuePtr cvapi_handler(const ParsedTag& tag) {
     case F_DIRINFO: return run_dirinfo(tag);
     case F_SLEEP: return run_sleep(tag);
     case F_UPTIME: return run_uptime();
-    default: return fail(tag, kNotValid);
+    default: return report_failure(tag, kNotValid);
   }
 }

@@ -62,19 +62,6 @@ std::vector<OpenFile>& open_files() {
   return table;
 }
 
-ValuePtr fail(const ParsedTag& tag, std::string_view message) {
-  report_error(tag, message);
-  return value_new();
-}
-
-std::string without_blanks(std::string_view text) {
-  std::string out;
-  for (char c : text)
-    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
-  return out;
-}
-
-bool keyword_is(std::string_view text, std::string_view word) { return equals_nocase(without_blanks(text), word); }
 
 // The variable a required option names, or null after reporting.
 Value* obtain(const ParsedTag& tag, std::string_view option, std::string_view missing_message = {}) {
@@ -134,7 +121,7 @@ ValuePtr open_file(const ParsedTag& tag, const std::string& path) {
   }
   if (!f) {
     table.back().path.clear();
-    return fail(tag, kOpenFailed);
+    return report_failure(tag, kOpenFailed);
   }
   table.back().stream = std::move(f);
   store(var, value_from_integer(static_cast<int32_t>(table.size() - 1)));
@@ -148,7 +135,7 @@ ValuePtr seek_file(const ParsedTag& tag, std::FILE* f, const std::string& seek) 
   ValuePtr amount = expr_evaluate(seek);
   if (engine.stop) return value_new();
   int64_t target = 0;
-  if (!amount || !whole_number(*amount, &target)) return fail(tag, kSeekNotNumber);
+  if (!amount || !whole_number(*amount, &target)) return report_failure(tag, kSeekNotNumber);
   int64_t size = file_size(f);
   const std::string* position = tag_option(tag, "position");
   if (!position || keyword_is(*position, "start")) {
@@ -157,7 +144,7 @@ ValuePtr seek_file(const ParsedTag& tag, std::FILE* f, const std::string& seek) 
   } else if (keyword_is(*position, "end")) {
     target += size;
   } else {
-    return fail(tag, kBadPosition);
+    return report_failure(tag, kBadPosition);
   }
   fseeko(f, target < 0 ? 0 : target > size ? size : target, SEEK_SET);
   return value_new();
@@ -202,8 +189,8 @@ ValuePtr read_file(const ParsedTag& tag, std::FILE* f, const std::string& how) {
     ValuePtr count_value = expr_evaluate(how);
     if (engine.stop) return value_new();
     int64_t count = 0;
-    if (!count_value || !whole_number(*count_value, &count)) return fail(tag, kReadNotNumber);
-    if (count < 0) return fail(tag, kReadNegative);
+    if (!count_value || !whole_number(*count_value, &count)) return report_failure(tag, kReadNotNumber);
+    if (count < 0) return report_failure(tag, kReadNegative);
     int64_t left = file_size(f) - ftello(f);
     size_t want = static_cast<size_t>(std::max<int64_t>(0, std::min(count, left)));
     bytes.resize(want);
@@ -211,7 +198,7 @@ ValuePtr read_file(const ParsedTag& tag, std::FILE* f, const std::string& how) {
     got = !bytes.empty();
   }
   // The variable may have moved while the count was evaluated.
-  if (!(var = level4_resolve(*tag_option(tag, "var")))) return fail(tag, kNotObtained);
+  if (!(var = level4_resolve(*tag_option(tag, "var")))) return report_failure(tag, kNotObtained);
   store(var, got ? value_from_string(std::move(bytes)) : value_new());
   return value_new();
 }
@@ -220,10 +207,10 @@ ValuePtr write_file(const ParsedTag& tag, std::FILE* f) {
   Value* var = obtain(tag, "writevar");
   if (!var) return value_new();
   ValuePtr text = value_to_string(*var);
-  if (!text || text->type != VT_STRING) return fail(tag, kInternal);
+  if (!text || text->type != VT_STRING) return report_failure(tag, kInternal);
   std::string bytes = value_text(*text);
   fseeko(f, 0, SEEK_CUR);  // writing may follow reading
-  if (std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) return fail(tag, kInternal);
+  if (std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) return report_failure(tag, kInternal);
   std::fflush(f);
   return value_new();
 }
@@ -241,7 +228,7 @@ ValuePtr handle_operation(const ParsedTag& tag) {
   if (!whole_number(*handle_var, &handle)) handle = -1;
   std::vector<OpenFile>& table = open_files();
   if (handle < 0 || handle >= static_cast<int64_t>(table.size()) || !table[handle].stream)
-    return fail(tag, kBadHandle);
+    return report_failure(tag, kBadHandle);
   OpenFile& slot = table[handle];
   std::FILE* f = slot.stream.get();
 
@@ -283,11 +270,11 @@ ValuePtr cvfile_handler(const ParsedTag& tag) {
   const std::string* filename = tag_option(tag, "filename");
   if (!filename) return handle_operation(tag);
   std::string path;
-  if (!web_space_path(*filename, "index.cvm", &path)) return fail(tag, kWebProtocol);
+  if (!web_space_path(*filename, "index.cvm", &path)) return report_failure(tag, kWebProtocol);
   if (tag_option(tag, "openfile")) return open_file(tag, path);
   if (tag_option(tag, "removefile")) {
     ::unlink(path.c_str());  // files only, never directories; a failure is not reported
     return value_new();
   }
-  return fail(tag, kNoAction);
+  return report_failure(tag, kNoAction);
 }

@@ -107,18 +107,6 @@ const Operation* find_operation(std::string_view name) {
   return it;
 }
 
-std::string without_space(std::string_view text) {
-  std::string out;
-  for (char c : text)
-    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out.push_back(c);
-  return out;
-}
-
-ValuePtr fail(const ParsedTag& tag, std::string_view message) {
-  report_error(tag, message);
-  return value_new();
-}
-
 // Evaluates a numeric option.  An integer counts as a number of the current
 // mode.  Null after a report when the option is missing or not a number,
 // or when a tag run by the evaluation has stopped the page.
@@ -213,7 +201,7 @@ ValuePtr unary(const ParsedTag& tag, uint8_t code, bool decimal_only) {
   if (!v) return value_new();
   if (v->type == VT_DECIMAL) {
     Decimal result;
-    if (!decimal_operation(code, v->decimal, &result)) return fail(tag, kRangeError);
+    if (!decimal_operation(code, v->decimal, &result)) return report_failure(tag, kRangeError);
     v->decimal = std::move(result);
   } else if (code == DEG2RAD) {
     v->number = v->number * kPi / 180;
@@ -253,7 +241,7 @@ ValuePtr binary(const ParsedTag& tag, uint8_t code, std::string_view first, std:
     case LOGN: ok = decimal_logn(a->decimal, b->decimal, &result); break;
     default: ok = decimal_pow(a->decimal, b->decimal, &result); break;
   }
-  if (!ok) return fail(tag, kRangeError);
+  if (!ok) return report_failure(tag, kRangeError);
   a->decimal = std::move(result);
   return a;
 }
@@ -267,7 +255,7 @@ ValuePtr combinatorics(const ParsedTag& tag, uint8_t code) {
   Decimal result;
   bool ok = code == NCR ? decimal_ncr(n->decimal, r->decimal, &result)
                         : decimal_npr(n->decimal, r->decimal, &result);
-  if (!ok) return fail(tag, kRangeError);
+  if (!ok) return report_failure(tag, kRangeError);
   n->decimal = std::move(result);
   return n;
 }
@@ -305,9 +293,9 @@ ValuePtr base_convert(const ParsedTag& tag) {
     bases[i] = static_cast<int>(std::clamp<int64_t>(integer_part(*b), 2, 36));
   }
   const std::string* text = tag_option(tag, "value");
-  if (!text) return fail(tag, option_required_message("CV-MATH", "value"));
+  if (!text) return report_failure(tag, option_required_message("CV-MATH", "value"));
   std::string out;
-  if (!decimal_base_convert(*text, bases[0], bases[1], &out)) return fail(tag, kNotNumber);
+  if (!decimal_base_convert(*text, bases[0], bases[1], &out)) return report_failure(tag, kNotNumber);
   return value_from_string(std::move(out));
 }
 
@@ -316,8 +304,8 @@ ValuePtr base_convert(const ParsedTag& tag) {
 // [radius, angle], the angle in (-pi, pi].
 ValuePtr coordinates(const ParsedTag& tag, uint8_t code) {
   const std::string* var = tag_option(tag, "var");
-  if (!var) return fail(tag, option_required_message("CV-MATH", "var"));
-  if (!level4_resolve(*var)) return fail(tag, kVarFailed);
+  if (!var) return report_failure(tag, option_required_message("CV-MATH", "var"));
+  if (!level4_resolve(*var)) return report_failure(tag, kVarFailed);
   bool to_rect = code == POLAR2RECT;
   ValuePtr a = read_decimal(tag, to_rect ? "Radius" : "Xvalue");
   if (!a) return value_new();
@@ -326,7 +314,7 @@ ValuePtr coordinates(const ParsedTag& tag, uint8_t code) {
   Decimal first, second;
   bool ok = to_rect ? decimal_polar_to_rect(a->decimal, b->decimal, &first, &second)
                     : decimal_rect_to_polar(a->decimal, b->decimal, &first, &second);
-  if (!ok) return fail(tag, kRangeError);
+  if (!ok) return report_failure(tag, kRangeError);
   ValuePtr list = value_new();
   list->type = VT_LIST;
   list->list.push_back(value_from_decimal(std::move(first)));
@@ -334,7 +322,7 @@ ValuePtr coordinates(const ParsedTag& tag, uint8_t code) {
   // The evaluations may have run tags that changed the variables, so the
   // reference is resolved afresh for the store.
   Value* target = level4_resolve(*var);
-  if (!target) return fail(tag, kVarFailed);
+  if (!target) return report_failure(tag, kVarFailed);
   value_assign(target, list.get());
   return value_new();
 }
@@ -345,7 +333,7 @@ ValuePtr special(const ParsedTag& tag, uint8_t code) {
       if (!decimal_mode) return value_from_number(kPi);
       {
         Decimal pi;
-        if (!decimal_pi(&pi)) return fail(tag, kRangeError);
+        if (!decimal_pi(&pi)) return report_failure(tag, kRangeError);
         return value_from_decimal(std::move(pi));
       }
     case RAND: return value_from_number(static_cast<double>(math_random()));
@@ -369,7 +357,7 @@ ValuePtr special(const ParsedTag& tag, uint8_t code) {
       decimal_set_precision(static_cast<uint32_t>(digits));
       return value_new();
     }
-    default: return fail(tag, kNotValid);
+    default: return report_failure(tag, kNotValid);
   }
 }
 
@@ -384,11 +372,11 @@ int cvmath_operation_code(std::string_view name) {
 // Angle= places= from= to= var=]>
 ValuePtr cvmath_handler(const ParsedTag& tag) {
   const std::string* name = tag_option(tag, "operation");
-  if (!name) return fail(tag, option_required_message("CV-MATH", "operation"));
-  const Operation* op = find_operation(without_space(*name));
-  if (!op) return fail(tag, kNotValid);
+  if (!name) return report_failure(tag, option_required_message("CV-MATH", "operation"));
+  const Operation* op = find_operation(without_white_space(*name));
+  if (!op) return report_failure(tag, kNotValid);
   if ((op->kind == OP_DECIMAL || op->kind == OP_DECIMAL_SPECIAL) && !decimal_mode)
-    return fail(tag, kNeedsDecimal);
+    return report_failure(tag, kNeedsDecimal);
   switch (op->kind) {
     case OP_SWITCH:
       decimal_mode = op->code == ENABLE ? 1 : 0;

@@ -15,6 +15,7 @@
 #include "functions/string_functions.h"
 #include "values/expression.h"
 #include "values/level4.h"
+#include "values/nocase.h"
 
 namespace {
 
@@ -56,19 +57,6 @@ int compare_folded(std::string_view a, std::string_view b) {
     if (x != y) return x - y;
   }
   return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
-}
-
-// Keyword values are read with white space removed, without regard to case.
-std::string keyword(std::string_view value) {
-  std::string out;
-  for (char c : value)
-    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
-  return out;
-}
-
-bool keyword_is(const std::string& value, std::string_view word) {
-  std::string k = keyword(value);
-  return k.size() == word.size() && compare_folded(k, word) == 0;
 }
 
 ValuePtr nothing() { return value_new(); }
@@ -383,7 +371,7 @@ int cvstr_function_code(std::string_view name) {
 ValuePtr cvstr_handler(const ParsedTag& tag) {
   const std::string* name = required(tag, "function");
   if (!name) return nothing();
-  int code = cvstr_function_code(keyword(*name));
+  int code = cvstr_function_code(without_white_space(*name));
   switch (code) {
     case F_CHR: return run_chr(tag);
     case F_COMPARE: return run_compare(tag);

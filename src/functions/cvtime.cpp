@@ -22,18 +22,6 @@ constexpr std::string_view kBadSerial =
 constexpr std::string_view kNotObtained =
     "An error occurred in obtaining the CV-TIME variable.  See the diagnostic message above for details.";
 
-ValuePtr fail(const ParsedTag& tag, std::string_view message) {
-  report_error(tag, message);
-  return value_new();
-}
-
-std::string without_blanks(std::string_view text) {
-  std::string out;
-  for (char c : text)
-    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
-  return out;
-}
-
 // The serial in `value`: a decimal number is read through its text; an
 // integer counts as the whole number it is.
 bool serial_from(const Value& v, double* out) {
@@ -50,9 +38,9 @@ bool serial_from(const Value& v, double* out) {
 ValuePtr cvtime_handler(const ParsedTag& tag) {
   bool local = false;
   if (const std::string* frame = tag_option(tag, "timeframe")) {
-    std::string word = without_blanks(*frame);
+    std::string word = without_white_space(*frame);
     if (equals_nocase(word, "local")) local = true;
-    else if (!equals_nocase(word, "GMT")) return fail(tag, kTimeframe);
+    else if (!equals_nocase(word, "GMT")) return report_failure(tag, kTimeframe);
   }
   const std::string* var = tag_option(tag, "var");
   const std::string* value = tag_option(tag, "value");
@@ -60,20 +48,20 @@ ValuePtr cvtime_handler(const ParsedTag& tag) {
 
   if (!var) {
     if (!value) return value_from_number(date_now());
-    if (!format) return fail(tag, option_required_message("CV-TIME", "format"));
+    if (!format) return report_failure(tag, option_required_message("CV-TIME", "format"));
     ValuePtr result = expr_evaluate(*value);
     if (engine.stop) return value_new();
     double serial = 0;
-    if (!result || !serial_from(*result, &serial)) return fail(tag, kNotNumber);
+    if (!result || !serial_from(*result, &serial)) return report_failure(tag, kNotNumber);
     std::optional<std::string> text = date_format(serial, local, *format);
-    if (!text) return fail(tag, kBadSerial);
+    if (!text) return report_failure(tag, kBadSerial);
     return value_from_string(std::move(*text));
   }
 
   Value* source = level4_resolve(*var);
-  if (!source) return fail(tag, kNotObtained);
+  if (!source) return report_failure(tag, kNotObtained);
   // Read before anything else can move the variable.
   std::string text = value_text(*source);
-  if (!format) return fail(tag, option_required_message("CV-TIME", "format"));
+  if (!format) return report_failure(tag, option_required_message("CV-TIME", "format"));
   return value_from_number(date_parse(text, local, *format));
 }

@@ -30,13 +30,6 @@ constexpr std::string_view kInternal = "  An internal error occurred in Corvane.
 
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// Keyword option values are matched with white space removed and case ignored.
-bool keyword_is(std::string_view text, std::string_view word) {
-  std::string squeezed;
-  for (char c : text)
-    if (!is_space(c)) squeezed += c;
-  return equals_nocase(squeezed, word);
-}
 
 bool is_blank(std::string_view text) {
   for (char c : text)

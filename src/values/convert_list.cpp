@@ -36,15 +36,6 @@ constexpr std::string_view kListBadOperation =
 
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// Keyword option values are matched with white space removed and case ignored.
-bool keyword_is(std::string_view text, std::string_view word) {
-  std::string squeezed;
-  squeezed.reserve(text.size());
-  for (char c : text)
-    if (!is_space(c)) squeezed += c;
-  return equals_nocase(squeezed, word);
-}
-
 std::string not_obtained(std::string_view tag) {
   return "An error occurred in obtaining the " + std::string(tag) +
          " variable.  See the diagnostic message above for details.";

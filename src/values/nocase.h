@@ -5,6 +5,7 @@
 // lookup, option lookup).
 #pragma once
 
+#include <string>
 #include <string_view>
 
 inline unsigned char fold_upper(unsigned char c) { return c >= 'a' && c <= 'z' ? c - ('a' - 'A') : c; }
@@ -16,4 +17,20 @@ inline bool equals_nocase(std::string_view a, std::string_view b) {
       return false;
   }
   return true;
+}
+
+// Keyword option values ("insert", "on", ...) are read with white space
+// (space, tab, carriage return, line feed) removed.
+inline std::string without_white_space(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
+  }
+  return out;
+}
+
+// A keyword option value compared with `word`: white space removed, case ignored.
+inline bool keyword_is(std::string_view value, std::string_view word) {
+  return equals_nocase(without_white_space(value), word);
 }
