@@ -1,4 +1,4 @@
 // cvml: runs one page per process, as a CGI program or from a shell.
-#include "engine/startup.h"
+#include "program/startup.h"
 
 int main(int argc, char** argv, char** envp) { return cvml_main(argc, argv, envp); }

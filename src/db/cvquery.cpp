@@ -7,13 +7,13 @@
 #include <vector>
 
 #include "db/odbc.h"
-#include "db/result_set.h"
-#include "engine/engine.h"
-#include "engine/output.h"
-#include "engine/report.h"
-#include "values/expression.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "values/result_set.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

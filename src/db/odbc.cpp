@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "engine/engine.h"
+#include "runtime/run.h"
 
 namespace {
 

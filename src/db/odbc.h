@@ -12,7 +12,7 @@
 
 #include <sql.h>
 
-#include "db/result_set.h"
+#include "values/result_set.h"
 
 // The driver manager's library name on this platform.
 constexpr std::string_view kOdbcLibrary = "libodbc.so.2";

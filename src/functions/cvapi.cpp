@@ -19,13 +19,13 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include "engine/engine.h"
-#include "engine/report.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
 #include "functions/cvfile.h"
 #include "values/decimal.h"
-#include "values/expression.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

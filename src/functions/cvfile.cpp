@@ -9,13 +9,13 @@
 
 #include <unistd.h>
 
-#include "engine/engine.h"
-#include "engine/output.h"
-#include "engine/report.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
 #include "values/decimal.h"
-#include "values/expression.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

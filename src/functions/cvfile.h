@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 // <CVFILE filename=name (openfile filevar=var | removefile)>

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 // <CV-MATH operation=name ...>: the result value, or an empty value when

@@ -6,16 +6,16 @@
 #include <cctype>
 #include <string>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "functions/digests.h"
-#include "functions/encoders.h"
-#include "functions/random.h"
-#include "functions/regex.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "base/digests.h"
+#include "base/encoders.h"
+#include "base/random.h"
+#include "base/regex.h"
 #include "functions/string_functions.h"
-#include "values/expression.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

@@ -4,13 +4,13 @@
 #include <cstdlib>
 #include <string>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "functions/dates.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "base/dates.h"
 #include "values/decimal.h"
-#include "values/expression.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

@@ -9,16 +9,16 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/report.h"
-#include "functions/encoders.h"
+#include "runtime/report.h"
+#include "base/encoders.h"
 #include "net/ftp.h"
 #include "net/http.h"
 #include "net/pop3.h"
 #include "net/smtp.h"
 #include "net/socket.h"
-#include "values/expression.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

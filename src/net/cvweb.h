@@ -2,7 +2,7 @@
 // the run-wide table of those connections.
 #pragma once
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 // <CVWEB socketvar=reference [server=host protocol=... port=...] ...>

@@ -4,8 +4,8 @@
 
 #include <sys/socket.h>
 
-#include "functions/regex.h"
-#include "values/nocase.h"
+#include "base/regex.h"
+#include "base/nocase.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "values/nocase.h"
+#include "base/nocase.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <random>
 
-#include "functions/encoders.h"
+#include "base/encoders.h"
 
 namespace {
 

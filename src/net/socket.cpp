@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "functions/encoders.h"
-#include "values/nocase.h"
+#include "base/encoders.h"
+#include "base/nocase.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <string>
 #include <system_error>
 
-#include "engine/engine.h"
-#include "engine/output.h"
-#include "engine/report.h"
-#include "values/level4.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
+#include "runtime/level4.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // CVINCLUDE, CVEXIT and CVRESTART.
 #pragma once
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 ValuePtr cvinclude_handler(const ParsedTag& tag);

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "values/expression.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "runtime/expression.h"
 
 namespace {
 

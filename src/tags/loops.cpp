@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "values/expression.h"
-#include "values/level4.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // in which runs of digits compare by their value.
 #include <algorithm>
 
-#include "values/nocase.h"
+#include "base/nocase.h"
 #include "values/value.h"
 
 namespace {

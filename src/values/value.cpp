@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "functions/encoders.h"
+#include "base/encoders.h"
 
 uint8_t decimal_mode = 0;
 

@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cctype>
 
-#include "engine/tokenizer.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "page/tokenizer.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

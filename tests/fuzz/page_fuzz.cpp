@@ -17,7 +17,7 @@
 #include <string>
 #include <string_view>
 
-#include "engine/startup.h"
+#include "program/startup.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/startup.h"
-#include "functions/encoders.h"
+#include "program/startup.h"
+#include "base/encoders.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 
 namespace {
 

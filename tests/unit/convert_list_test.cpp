@@ -1,13 +1,13 @@
 // Tests of CV-CONVERT and CV-LIST effects that a page cannot print, because
 // the error that follows them ends the page.
-#include "values/convert_list.h"
+#include "tags/convert_list.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "engine/engine.h"
-#include "values/level4.h"
+#include "runtime/run.h"
+#include "runtime/level4.h"
 
 namespace {
 

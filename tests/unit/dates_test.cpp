@@ -1,5 +1,5 @@
 // Date serials: the fixed points, carrying, and formatting/parsing round trips.
-#include "functions/dates.h"
+#include "base/dates.h"
 
 #include <gtest/gtest.h>
 

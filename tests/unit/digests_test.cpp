@@ -1,5 +1,5 @@
 // CRC-32 and MD5 against their published check values.
-#include "functions/digests.h"
+#include "base/digests.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Growable strings: modes, cursor, growth, lines, reverse direction.
-#include "values/dynstring.h"
+#include "base/dynstring.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Tests for URL encoding and decoding and for Base64.
-#include "functions/encoders.h"
+#include "base/encoders.h"
 
 #include <gtest/gtest.h>
 

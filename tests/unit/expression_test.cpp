@@ -1,5 +1,5 @@
 // Tests of the two arithmetic evaluators and the helpers around them.
-#include "values/expression.h"
+#include "runtime/expression.h"
 
 #include <gtest/gtest.h>
 

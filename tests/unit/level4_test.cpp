@@ -1,14 +1,14 @@
 // Tests of Level 4 references to query values and of the growth bounds,
 // which pages cannot reach without a database.
-#include "values/level4.h"
+#include "runtime/level4.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 
-#include "db/result_set.h"
-#include "engine/engine.h"
+#include "values/result_set.h"
+#include "runtime/run.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "engine/output.h"
-#include "engine/startup.h"
+#include "runtime/output.h"
+#include "program/startup.h"
 
 using namespace std::string_literals;
 

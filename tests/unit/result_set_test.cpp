@@ -1,5 +1,5 @@
 // Tests of result-set reading: cell conversion by data type and the row hash.
-#include "db/result_set.h"
+#include "values/result_set.h"
 
 #include <gtest/gtest.h>
 

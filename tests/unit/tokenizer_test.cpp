@@ -1,5 +1,5 @@
 // Tests for the page tokenizer: node cutting, options, quoting, lines, awkward input.
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 
 #include <gtest/gtest.h>
 

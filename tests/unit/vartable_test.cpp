@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "values/level4.h"
+#include "runtime/level4.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "values/dynstring.h"
+#include "base/dynstring.h"
 #include "values/vartable.h"
 
 struct Chain;

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 // Writes a resolution failure to the diagnostic buffer and returns null.

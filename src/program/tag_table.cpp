@@ -1,8 +1,8 @@
 // The built-in rows of the name table.
 #include "db/cvquery.h"
-#include "engine/engine.h"
-#include "engine/output.h"
-#include "engine/report.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
 #include "functions/cvapi.h"
 #include "functions/cvfile.h"
 #include "functions/cvmath.h"
@@ -13,7 +13,7 @@
 #include "tags/conditionals.h"
 #include "tags/loops.h"
 #include "tags/variable_tags.h"
-#include "values/convert_list.h"
+#include "tags/convert_list.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // URL encoding and decoding, Base64 encoding and decoding.
-#include "functions/encoders.h"
+#include "base/encoders.h"
 
 #include <array>
 #include <cstdint>

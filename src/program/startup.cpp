@@ -1,5 +1,5 @@
 // Program entry: mode decision, page location, start-up order, clean-up.
-#include "engine/startup.h"
+#include "program/startup.h"
 
 #include <unistd.h>
 
@@ -9,9 +9,9 @@
 #include <cstring>
 
 #include "db/cvquery.h"
-#include "engine/engine.h"
-#include "engine/output.h"
-#include "engine/report.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
 #include "functions/cvfile.h"
 #include "net/cvweb.h"
 #include "values/decimal.h"

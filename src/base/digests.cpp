@@ -1,5 +1,5 @@
 // CRC-32 tables and checksums, and the MD5 message digest.
-#include "functions/digests.h"
+#include "base/digests.h"
 
 #include <cstring>
 

@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "engine/startup.h"
-#include "functions/encoders.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "program/startup.h"
+#include "base/encoders.h"
 
 std::vector<RequestPair> parse_pairs(std::string_view text, size_t max_pairs) {
   std::vector<RequestPair> pairs;

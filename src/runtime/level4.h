@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 // Resolves a reference text ("name element=[2]") to the selected value,

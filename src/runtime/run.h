@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/tokenizer.h"
-#include "values/dynstring.h"
+#include "page/tokenizer.h"
+#include "base/dynstring.h"
 #include "values/value.h"
 #include "values/vartable.h"
 

@@ -1,15 +1,15 @@
 // Level 4 references: find or create the variable a tag names and select the
 // element, hash entry, substring or property its options ask for.
-#include "values/level4.h"
+#include "runtime/level4.h"
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "values/expression.h"
-#include "values/level4_query.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "runtime/expression.h"
+#include "runtime/level4_query.h"
 #include "values/vartable.h"
 
 namespace {

@@ -1,13 +1,13 @@
 // The processing loop: contexts, the tag stack, node processing, dispatch.
-#include "engine/engine.h"
+#include "runtime/run.h"
 
 #include <cctype>
 #include <chrono>
 
-#include "engine/output.h"
-#include "engine/report.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 Engine engine;
 

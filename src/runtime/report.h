@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 // Files an error for `tag` (as the handler received it) and stops the page.

@@ -2,8 +2,8 @@
 // result set's counts and column names.
 #include <string>
 
-#include "db/result_set.h"
-#include "values/level4_query.h"
+#include "values/result_set.h"
+#include "runtime/level4_query.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Result sets: counts, column lookup and the row hash that query values read.
-#include "db/result_set.h"
+#include "values/result_set.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,5 +1,5 @@
 // The run's random generator: xoshiro128** seeded from getrandom().
-#include "functions/random.h"
+#include "base/random.h"
 
 #include <sys/random.h>
 

@@ -3,14 +3,14 @@
 //
 // When one evaluation meets several faults the status set last is the one
 // reported; a group's faults count like those of the text around it.
-#include "values/expression.h"
+#include "runtime/expression.h"
 
 #include <cmath>
 #include <string>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "engine/tokenizer.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "page/tokenizer.h"
 
 namespace {
 

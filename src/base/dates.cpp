@@ -1,12 +1,12 @@
 // Date serials: building them from fields, breaking them down, and the
 // "%" codes that format and parse them.
-#include "functions/dates.h"
+#include "base/dates.h"
 
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 
-#include "values/nocase.h"
+#include "base/nocase.h"
 
 namespace {
 

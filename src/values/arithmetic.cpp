@@ -14,7 +14,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "values/expression.h"
+#include "runtime/expression.h"
 
 uint8_t eval_status = 0;
 

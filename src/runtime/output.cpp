@@ -1,6 +1,6 @@
 // Output: header and body buffers, sending them, and the tags that shape
 // the header block (CVMLMODE, CVHEADER, CVLOCATION, CVFLUSH).
-#include "engine/output.h"
+#include "runtime/output.h"
 
 #include <unistd.h>
 
@@ -8,10 +8,10 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "engine/engine.h"
-#include "engine/report.h"
-#include "functions/encoders.h"
-#include "values/nocase.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "base/encoders.h"
+#include "base/nocase.h"
 
 void write_stdout(std::string_view bytes) {
   // Written straight to the descriptor: the bytes go out exactly as they

@@ -1,5 +1,5 @@
 // Growable in-memory byte stream.
-#include "values/dynstring.h"
+#include "base/dynstring.h"
 
 #include <sys/stat.h>
 

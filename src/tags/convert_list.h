@@ -2,7 +2,7 @@
 // from a list, all in place and without output.
 #pragma once
 
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 #include "values/value.h"
 
 // <CV-CONVERT var=reference type="number|string|list|array|hash">

@@ -1,15 +1,15 @@
 // CV-CONVERT and CV-LIST: in-place type conversion and list insertion and
 // removal on variables named by Level 4 references.
-#include "values/convert_list.h"
+#include "tags/convert_list.h"
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "engine/report.h"
-#include "values/expression.h"
-#include "values/level4.h"
-#include "values/nocase.h"
+#include "runtime/report.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // Error and warning reports, stack and variable dumps, page statistics.
-#include "engine/report.h"
+#include "runtime/report.h"
 
 #include <cctype>
 
-#include "engine/engine.h"
-#include "engine/output.h"
-#include "values/nocase.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "base/nocase.h"
 
 namespace {
 

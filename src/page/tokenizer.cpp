@@ -6,9 +6,9 @@
 // open quote, an open inner tag) ends the construct with what was read: an
 // unterminated inner tag keeps every byte read up to the end of the input,
 // rewritten as it would have been had it been closed.
-#include "engine/tokenizer.h"
+#include "page/tokenizer.h"
 
-#include "values/nocase.h"
+#include "base/nocase.h"
 
 #include <algorithm>
 #include <cctype>
