@@ -75,14 +75,14 @@ bool collect_body(std::string* sql) { return run_block_captured(capture_node, sq
 // Reports a failure of the ODBC layer: its text above the report.  The
 // body has been walked by then, so the report is pointed back at the
 // CVQUERY tag for its line and original form.
-void report_layer_error(const ParsedTag* self, const ParsedTag& tag, const std::string& err,
+void report_layer_error(uint32_t self, const ParsedTag& tag, const std::string& err,
                         std::string_view message) {
   PageContext* ctx = current_context();
-  const ParsedTag* after = ctx->current_node;
-  ctx->current_node = self;
+  uint32_t after = ctx->current;
+  ctx->current = self;
   report_diagnostic(err);
   report_error(tag, message);
-  ctx->current_node = after;
+  ctx->current = after;
 }
 
 // The statement stands in for the tag in reports about running it.
@@ -129,11 +129,11 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
     report_error(tag, kNotObtained);
     return value_new();
   }
-  if (!current_context() || !current_context()->current_node) {
+  if (!current_context() || current_context()->current == kNoNode) {
     report_error(tag, kNotClosed);
     return value_new();
   }
-  const ParsedTag* self = current_context()->current_node;
+  uint32_t self = current_context()->current;
   std::string sql;
   if (!collect_body(&sql)) {
     report_error(tag, kNotClosed);
@@ -202,11 +202,11 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
 // </CVQUERY>: ends the collection of the innermost CVQUERY body.
 ValuePtr cvquery_close_handler(const ParsedTag& tag) {
   PageContext* ctx = current_context();
-  if (!ctx || ctx->tag_stack.empty() || !tag_is(ctx->tag_stack.back(), "CVQUERY")) {
+  if (!ctx || ctx->tag_stack.empty() || !node_is(*ctx, ctx->tag_stack.back(), TAG_CVQUERY)) {
     report_error(tag, kNotOnStack);
     return value_new();
   }
-  ctx->tag_stack.back() = ctx->current_node;
+  ctx->tag_stack.back() = ctx->current;
   return value_new();
 }
 

@@ -2,7 +2,7 @@
 // variables, and the current-row pointer that pages move through them.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 ValuePtr cvquery_handler(const ParsedTag& tag);

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // <CVFILE filename=name (openfile filevar=var | removefile)>

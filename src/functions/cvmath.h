@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // <CV-MATH operation=name ...>: the result value, or an empty value when

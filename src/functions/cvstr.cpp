@@ -187,10 +187,12 @@ ValuePtr run_implode(const ParsedTag& tag, Value* v) {
 ValuePtr run_parsepage(const ParsedTag& tag, Value* v) {
   int keep = choice(tag, "embedded", "remove", "keep");
   if (keep < 0) return nothing();
-  DynStringPtr source = dyn_open("rb", value_text(*v));
-  Chain chain = tokenize(names_for_read(), *source, keep == 1, true, 1);
+  Page page = tokenize_page(value_text(*v), 1, keep == 1);
   std::vector<ValuePtr> items;
-  for (const ParsedTag* node = chain.head(); node; node = node->next) {
+  ParsedTag parsed;
+  for (uint32_t i = 0; i < page.size(); i++) {
+    node_as_tag(page, i, parsed);
+    const ParsedTag* node = &parsed;
     std::vector<ValuePtr> item;
     item.push_back(value_from_integer(node->is_tag ? 1 : 0));
     item.push_back(value_from_integer(int32_t(node->line)));

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // <CV-STR function=name ...>: see the function table in cvstr.cpp.

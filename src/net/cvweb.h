@@ -2,7 +2,7 @@
 // the run-wide table of those connections.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // <CVWEB socketvar=reference [server=host protocol=... port=...] ...>

@@ -6,12 +6,12 @@
 // open quote, an open inner tag) ends the construct with what was read: an
 // unterminated inner tag keeps every byte read up to the end of the input,
 // rewritten as it would have been had it been closed.
-#include "page/tokenizer.h"
+#include <algorithm>
+#include <unordered_map>
 
 #include "base/nocase.h"
-
-#include <algorithm>
-#include <cctype>
+#include "page/page.h"
+#include "page/tag.h"
 
 namespace {
 
@@ -22,7 +22,6 @@ struct Scanner {
   std::string_view src;
   size_t pos = 0;
   uint32_t line = 1;
-  const CharClass& tag_start;
   std::vector<uint8_t> stack;  // reused by every inner tag of the pass
 
   bool at_end() const { return pos >= src.size(); }
@@ -34,7 +33,7 @@ struct Scanner {
   }
   // True when the byte at `at` may begin a tag name.
   bool tag_start_at(size_t at) const {
-    return at < src.size() && tag_start[static_cast<unsigned char>(src[at])];
+    return at < src.size() && is_tag_start(static_cast<unsigned char>(src[at]));
   }
   // At "<" followed by a tag-start byte.
   bool at_inner_tag() const { return !at_end() && src[pos] == '<' && tag_start_at(pos + 1); }
@@ -206,9 +205,27 @@ void read_unquoted_value(Scanner& s, std::string& out) {
   out.assign(s.src.substr(start, s.pos - start));
 }
 
+// Builds a page while the source is scanned.  Rewritten option texts go to
+// `extra`, which is appended to the page's bytes at the end, after the
+// source itself: the scanner reads the bytes that spans point into.
+struct Builder {
+  Page& page;
+  std::string extra;
+  std::unordered_map<std::string, uint32_t> name_ids;
+  uint32_t base;  // where `extra` will start in the page's bytes
+
+  Span source_span(size_t from, size_t to) const { return Span{uint32_t(from), uint32_t(to - from)}; }
+  Span extra_span(size_t from) const { return Span{uint32_t(base + from), uint32_t(extra.size() - from)}; }
+  uint32_t name_id(std::string_view name) {
+    auto [it, added] = name_ids.try_emplace(std::string(name), uint32_t(page.names.size()));
+    if (added) page.names.emplace_back(name);
+    return it->second;
+  }
+};
+
 // Options up to ">" or the end of the input; the cursor stands after the
 // tag's name.
-void read_options(Scanner& s, ParsedTag& tag, bool keep_option_tags) {
+void read_options(Scanner& s, Builder& b, bool keep_option_tags) {
   for (;;) {
     skip_space(s);
     if (s.at_end()) return;
@@ -216,32 +233,32 @@ void read_options(Scanner& s, ParsedTag& tag, bool keep_option_tags) {
       s.take();
       return;
     }
-    TagOption option;
+    PageOption option;
     if (s.at_inner_tag()) {
+      size_t from = b.extra.size();
       if (keep_option_tags) {
-        read_option_tag(s, &option.name);
+        read_option_tag(s, &b.extra);
       } else {
         read_option_tag(s, nullptr);
-        option.name = "<";
+        b.extra.push_back('<');
       }
-      tag.options.push_back(std::move(option));
+      option.name = b.extra_span(from);
+      b.page.options.push_back(std::move(option));
       continue;
     }
+    size_t name_start = s.pos;
     if (s.peek() == '<') {
       // A "<" that starts no tag begins the option's name.
       s.take();
-      option.name = "<";
       if (!keep_option_tags) {
-        if (!s.at_end() && (s.peek() == '=' || s.peek() == '<' || s.peek() == '"')) {
-          option.name.push_back(static_cast<char>(s.take()));
-        }
-        tag.options.push_back(std::move(option));
+        if (!s.at_end() && (s.peek() == '=' || s.peek() == '<' || s.peek() == '"')) s.take();
+        option.name = b.source_span(name_start, s.pos);
+        b.page.options.push_back(std::move(option));
         continue;
       }
     }
-    size_t start = s.pos;
     while (!s.at_end() && !ends_option_name(s.peek())) ++s.pos;
-    option.name.append(s.src.substr(start, s.pos - start));
+    option.name = b.source_span(name_start, s.pos);
 
     // Filler between the name and "=" is dropped only when an "=" does
     // follow; otherwise it is read again as what comes next.
@@ -253,130 +270,72 @@ void read_options(Scanner& s, ParsedTag& tag, bool keep_option_tags) {
       skip_filler(s);
       if (!s.at_end() && s.peek() == '"') {
         s.take();
-        read_quoted_value(s, option.value);
+        size_t from = b.extra.size();
+        read_quoted_value(s, b.extra);
+        option.value = b.extra_span(from);
       } else {
-        read_unquoted_value(s, option.value);
+        size_t start = s.pos;
+        while (!s.at_end() && !ends_unquoted_value(s.peek())) ++s.pos;
+        option.value = b.source_span(start, s.pos);
       }
     } else {
       s.pos = name_end;
       s.line = name_line;
     }
-    tag.options.push_back(std::move(option));
+    b.page.options.push_back(std::move(option));
   }
-}
-
-ParsedTag& new_node(Chain& chain, uint32_t line, bool is_tag) {
-  chain.nodes.push_back(std::make_unique<ParsedTag>());
-  ParsedTag& node = *chain.nodes.back();
-  node.line = line;
-  node.is_tag = is_tag;
-  return node;
-}
-
-Chain tokenize_bytes(const VarTable& table, std::string_view src, bool keep_option_tags,
-                     uint32_t first_line) {
-  Chain chain;
-  // Each "<" yields at most a tag and the text after it.
-  chain.nodes.reserve(2 * static_cast<size_t>(std::count(src.begin(), src.end(), '<')) + 1);
-  Scanner s{src, 0, first_line, table.tag_start, {}};
-  while (!s.at_end()) {
-    uint32_t line = s.line;
-    if (s.peek() != '<') {
-      size_t end = src.find('<', s.pos);
-      if (end == std::string_view::npos) end = src.size();
-      std::string_view run = src.substr(s.pos, end - s.pos);
-      new_node(chain, line, false).text.assign(run);
-      s.line += static_cast<uint32_t>(std::count(run.begin(), run.end(), '\n'));
-      s.pos = end;
-      continue;
-    }
-    s.take();
-    if (s.at_end() || ends_tag_name(s.peek()) || !s.tag_start_at(s.pos)) {
-      // Not a tag: "<" and the byte after it stay text.
-      ParsedTag& node = new_node(chain, line, false);
-      node.text.push_back('<');
-      if (!s.at_end()) node.text.push_back(static_cast<char>(s.take()));
-      continue;
-    }
-    ParsedTag& tag = new_node(chain, line, true);
-    size_t start = s.pos;
-    while (!s.at_end() && !ends_tag_name(s.peek())) ++s.pos;
-    tag.name.assign(src.substr(start, s.pos - start));
-    read_options(s, tag, keep_option_tags);
-  }
-  for (size_t i = 0; i + 1 < chain.nodes.size(); ++i) chain.nodes[i]->next = chain.nodes[i + 1].get();
-  return chain;
 }
 
 }  // namespace
 
-// Every caller asks for the class test alone, so `class_only` changes nothing.
-Chain tokenize(const VarTable& table, DynString& source, bool keep_option_tags, bool /*class_only*/,
-               uint32_t first_line) {
-  if (!dyn_can_read(&source)) return {};
-  Chain chain;
-  if (source.forward) {
-    size_t from = std::min<size_t>(source.pos, source.data.size());
-    chain = tokenize_bytes(table, std::string_view(source.data).substr(from), keep_option_tags,
-                           first_line);
-    source.pos = static_cast<uint32_t>(source.data.size());
-  } else {
-    // A reverse buffer reads towards its start; dyn_getc walks it that way.
-    std::string bytes;
-    for (int c = dyn_getc(&source); c >= 0; c = dyn_getc(&source)) bytes.push_back(static_cast<char>(c));
-    chain = tokenize_bytes(table, bytes, keep_option_tags, first_line);
-  }
-  source.at_end = 1;
-  return chain;
-}
+bool is_tag_start(unsigned char c) { return c == '/' || c == '_' || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
 
-Chain tokenize_text(const VarTable& table, std::string_view text, uint32_t first_line) {
-  return tokenize_bytes(table, text, true, first_line);
-}
-
-bool tokenize_file(const VarTable& table, const std::string& path, Chain* out) {
-  DynStringPtr file = dyn_load_file(path);
-  if (!file) return false;
-  *out = tokenize(table, *file, true, true, 1);
-  return true;
-}
-
-const std::string* tag_option(const ParsedTag& tag, std::string_view name) {
-  for (const TagOption& option : tag.options) {
-    if (equals_nocase(option.name, name)) return &option.value;
-  }
-  return nullptr;
-}
-
-void print_node(const VarTable* table, const ParsedTag& node, std::string& out) {
-  if (!node.is_tag) {
-    out.append(node.text);
-    return;
-  }
-  const std::string* stored = table ? vartable_stored_name(*table, node.name) : nullptr;
-  out.push_back('<');
-  out.append(stored ? *stored : node.name);
-  for (const TagOption& option : node.options) {
-    out.push_back(' ');
-    out.append(option.name);
-    if (!option.value.empty()) {
-      out.append("=\"");
-      out.append(option.value);
-      out.push_back('"');
+Page tokenize_page(std::string_view text, uint32_t first_line, bool keep_option_tags) {
+  Page page;
+  page.bytes.assign(text);
+  Builder b{page, {}, {}, uint32_t(text.size())};
+  // Each "<" yields at most a tag and the text after it.
+  page.nodes.reserve(2 * static_cast<size_t>(std::count(text.begin(), text.end(), '<')) + 1);
+  Scanner s{page.bytes, 0, first_line, {}};
+  const std::string_view src = s.src;
+  while (!s.at_end()) {
+    PageNode node;
+    node.line = s.line;
+    if (s.peek() != '<') {
+      size_t end = src.find('<', s.pos);
+      if (end == std::string_view::npos) end = src.size();
+      node.span = b.source_span(s.pos, end);
+      s.line += static_cast<uint32_t>(std::count(src.begin() + s.pos, src.begin() + end, '\n'));
+      s.pos = end;
+      page.nodes.push_back(node);
+      continue;
     }
+    size_t lt = s.pos;
+    s.take();
+    if (s.at_end() || ends_tag_name(s.peek()) || !s.tag_start_at(s.pos)) {
+      // Not a tag: "<" and the byte after it stay text.
+      if (!s.at_end()) s.take();
+      node.span = b.source_span(lt, s.pos);
+      page.nodes.push_back(node);
+      continue;
+    }
+    node.is_tag = true;
+    size_t start = s.pos;
+    while (!s.at_end() && !ends_tag_name(s.peek())) ++s.pos;
+    node.span = Span{b.name_id(src.substr(start, s.pos - start)), 0};
+    node.first_option = uint32_t(page.options.size());
+    read_options(s, b, keep_option_tags);
+    node.option_count = uint32_t(page.options.size() - node.first_option);
+    page.nodes.push_back(node);
   }
-  out.push_back('>');
+  page.bytes += b.extra;
+  page.nodes.shrink_to_fit();
+  return page;
 }
 
-std::string print_chain(const VarTable* table, const ParsedTag* first) {
-  std::string out;
-  for (const ParsedTag* node = first; node; node = node->next) print_node(table, *node, out);
-  return out;
-}
-
-bool has_tag_start(const VarTable& table, std::string_view text) {
+bool has_tag_start(std::string_view text) {
   for (size_t at = text.find('<'); at != std::string_view::npos; at = text.find('<', at + 1)) {
-    if (at + 1 < text.size() && table.tag_start[static_cast<unsigned char>(text[at + 1])]) return true;
+    if (at + 1 < text.size() && is_tag_start(static_cast<unsigned char>(text[at + 1]))) return true;
   }
   return false;
 }

@@ -202,6 +202,9 @@ void set_tag_limit_for_runs(uint32_t limit) { tag_limit_for_runs = limit; }
 
 int cvml_main(int argc, char** argv, char** envp) {
   engine_reset();
+  const char* general = std::getenv("CVML_GENERAL_PATH");
+  general_path_only = general && std::string_view(general) == "1";
+  arithmetic_shortcuts = !general_path_only;
   engine.tag_limit = tag_limit_for_runs;
   for (int i = 0; i < argc; ++i) engine.argv.emplace_back(argv[i]);
   for (char** e = envp; e && *e; ++e) engine.envp.emplace_back(*e);
@@ -219,11 +222,12 @@ int cvml_main(int argc, char** argv, char** envp) {
   ctx->directory = s.page_dir;
   ctx->file_name = s.page_file;
   ctx->full_path = s.doc_root + s.page_dir + s.page_file;
-  auto chain = std::make_shared<Chain>();
-  if (!tokenize_file(*engine.names, ctx->full_path, chain.get()))
+  PagePtr page = load_page(ctx->full_path);
+  if (!page) {
     report_diagnostic("Error opening " + ctx->full_path + " for processing.\n");
-  ctx->chain = chain;
-  ctx->first_node = ctx->current_node = chain->head();
+    page = std::make_shared<Page>();
+  }
+  install_page(ctx, std::move(page));
 
   run_pages();
   send_page();

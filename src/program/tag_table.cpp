@@ -87,6 +87,7 @@ bool tag_table_init() {
     entry.kind = KIND_BUILTIN;
     entry.tag_class = row.tag_class;
     entry.handler = row.handler;
+    set_builtin_entry(tag_id_of(row.name), entry);
     vartable_set(table, row.name, std::move(entry));
   }
   return true;

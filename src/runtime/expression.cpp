@@ -10,24 +10,13 @@
 
 #include "runtime/run.h"
 #include "runtime/report.h"
-#include "page/tokenizer.h"
+#include "page/page.h"
+#include "page/tag.h"
 
 namespace {
 
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
-
-// Bytes that may appear in arithmetic text besides digits and white space.
-bool is_operator_byte(char c) {
-  switch (c) {
-    case '!': case '%': case '&': case '(': case ')': case '*': case '+': case '-':
-    case '.': case '/': case ':': case '<': case '=': case '>': case '?': case '^':
-    case '|': case '~':
-      return true;
-    default:
-      return false;
-  }
-}
 
 // The line filed for a status, with the text as the page wrote it.
 void report_status(std::string_view text) {
@@ -68,9 +57,11 @@ ValuePtr evaluate_word(std::string_view text) {
   std::string tag_text;
   tag_text.reserve(text.size() - first + 2);
   tag_text.append("<").append(text.substr(first)).append(">");
-  Chain chain = tokenize_text(names_for_read(), tag_text, 1);
-  if (chain.nodes.size() == 1 && chain.nodes[0]->is_tag) {
-    ValuePtr v = call_variable_tag(*chain.nodes[0]);
+  Page page = tokenize_page(tag_text, 1);
+  if (page.size() == 1 && page.nodes[0].is_tag) {
+    ParsedTag tag;
+    node_as_tag(page, 0, tag);
+    ValuePtr v = call_variable_tag(tag);
     if (v) {
       if (v->type == VT_NUMBER && decimal_mode) return value_from_decimal(decimal_from_double(v->number));
       if (v->type == VT_DECIMAL && !decimal_mode) return value_from_number(decimal_to_double(v->decimal));
@@ -81,23 +72,6 @@ ValuePtr evaluate_word(std::string_view text) {
 }
 
 }  // namespace
-
-bool expr_is_arithmetic(std::string_view text) {
-  bool in_fraction = false;  // a "." has been seen in the current number
-  for (char c : text) {
-    if (c == '.') {
-      if (in_fraction) return false;
-      in_fraction = true;
-    } else if (is_digit(c) || is_space(c) || c == '(' || c == ')' || c == '!' || c == '~') {
-      // These do not end a number for the purpose of the decimal point.
-    } else if (is_operator_byte(c)) {
-      in_fraction = false;
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
 
 ValuePtr expr_evaluate(std::string_view text) {
   if (!expr_is_arithmetic(text)) return evaluate_word(text);

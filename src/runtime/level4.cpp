@@ -54,7 +54,7 @@ struct Reference {
 const std::string& reference_text(Reference& ref) {
   if (ref.text.empty()) {
     std::string printed;
-    print_node(&names_for_read(), ref.tag, printed);
+    print_node(ref.tag, printed);
     if (printed.size() >= 2) ref.text = printed.substr(1, printed.size() - 2);
   }
   return ref.text;
@@ -233,7 +233,6 @@ Value* resolve(Reference& ref) {
       return level4_fail(kBadStart);
     TagHandler created = make_variable_entry();
     created.kind = KIND_VARIABLE;
-    created.handler = level4_handler;
     if (!created.variable) created.variable = value_new();
     vartable_set(names, name, std::move(created));
     entry = vartable_find(names, name);
@@ -285,11 +284,11 @@ bool recuts_identically(const ParsedTag& tag) {
     return true;
   };
   const std::string_view name_extra("= ", 2);
-  if (tag.name.empty() || !default_tag_start_class()[static_cast<unsigned char>(tag.name[0])] ||
+  if (tag.name.empty() || !is_tag_start(static_cast<unsigned char>(tag.name[0])) ||
       !clean(tag.name, name_extra))
     return false;
   for (const TagOption& option : tag.options)
-    if (option.name.empty() || !clean(option.name, name_extra) || !clean(option.value, ""))
+    if (option.name.empty() || !clean(option.name, name_extra) || !clean(option_text(tag, option), ""))
       return false;
   return true;
 }
@@ -297,7 +296,7 @@ bool recuts_identically(const ParsedTag& tag) {
 // True when the tokenizer would read "<text>" as one tag named `text`
 // without options: a tag-start byte first, and no byte that ends a name.
 bool is_bare_name(std::string_view text) {
-  if (text.empty() || !names_for_read().tag_start[static_cast<unsigned char>(text[0])]) return false;
+  if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0]))) return false;
   for (char c : text)
     if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
   return true;
@@ -337,17 +336,18 @@ Value* level4_resolve(std::string_view text) {
   }
   std::string wrapped = "<" + std::string(text) + ">";
   const PageContext* ctx = current_context();
-  uint32_t line = ctx && ctx->current_node ? ctx->current_node->line : 1;
-  Chain chain = tokenize_text(names_for_read(), wrapped, line);
-  const ParsedTag* first = chain.head();
-  if (!first || !first->is_tag) {
+  uint32_t line = ctx && ctx->current != kNoNode ? node_line(*ctx, ctx->current) : 1;
+  Page page = tokenize_page(wrapped, line);
+  if (page.size() == 0 || !page.nodes[0].is_tag) {
     std::string message(kIllegalCharacters);
-    if (first) print_node(&names_for_read(), *first, message);
+    if (page.size()) print_node(page, 0, message);
     message += "\n";
     return level4_fail(message);
   }
+  ParsedTag first;
+  node_as_tag(page, 0, first);
   size_t word_end = text.find_first_of(std::string_view(" \r\n\t"));
-  Reference ref{*first, text.substr(0, word_end), std::string(text)};
+  Reference ref{first, text.substr(0, word_end), std::string(text)};
   return resolve(ref);
 }
 
@@ -365,7 +365,7 @@ Value* select_for_tag(const ParsedTag& tag) {
     v = level4_resolve_tag(tag);
   } else {
     std::string printed;
-    print_node(&names_for_read(), tag, printed);
+    print_node(tag, printed);
     std::string_view inner(printed);
     if (inner.size() >= 2) inner = inner.substr(1, inner.size() - 2);
     v = level4_resolve(inner);

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // Resolves a reference text ("name element=[2]") to the selected value,

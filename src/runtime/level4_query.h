@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // Writes a resolution failure to the diagnostic buffer and returns null.

@@ -1,15 +1,23 @@
 // The processing loop: contexts, the tag stack, node processing, dispatch.
+//
+// A tag node's options are processed first, then the tag is dispatched by
+// its name.  How an option is processed is decided per option: text
+// without tags is its own processed form; text made of bare references to
+// variables is formed on the compiled path (runtime/execute.cpp); anything
+// else is processed as a page of its own on the general path
+// (runtime/general.cpp).
 #include "runtime/run.h"
 
-#include <cctype>
 #include <chrono>
 
+#include "runtime/execute.h"
+#include "runtime/general.h"
+#include "runtime/level4.h"
 #include "runtime/output.h"
 #include "runtime/report.h"
-#include "runtime/level4.h"
-#include "base/nocase.h"
 
 Engine engine;
+bool general_path_only = false;
 
 void engine_reset() { engine = Engine{}; }
 
@@ -35,8 +43,6 @@ VarTable& names_for_write() {
 // ---------------------------------------------------------------------------
 // Contexts and the tag stack
 
-namespace {
-
 std::unique_ptr<PageContext> new_context(const PageContext* parent) {
   auto ctx = std::make_unique<PageContext>();
   ctx->start_ms = now_ms();
@@ -49,76 +55,6 @@ std::unique_ptr<PageContext> new_context(const PageContext* parent) {
   }
   return ctx;
 }
-
-// Contexts of processed texts, kept when they end: an option processed on
-// every pass of a loop then reuses one, with its path strings' storage,
-// instead of allocating a context and three paths each time.
-std::vector<std::unique_ptr<PageContext>> spare_contexts;
-constexpr size_t kMaxSpareContexts = 32;
-
-std::unique_ptr<PageContext> new_text_context(const PageContext* parent) {
-  if (spare_contexts.empty()) {
-    auto ctx = new_context(parent);
-    ctx->text_only = true;
-    if (parent) {
-      ctx->directory = parent->directory;
-      ctx->file_name = parent->file_name;
-      ctx->full_path = parent->full_path;
-    }
-    return ctx;
-  }
-  std::unique_ptr<PageContext> ctx = std::move(spare_contexts.back());
-  spare_contexts.pop_back();
-  std::string directory = std::move(ctx->directory);
-  std::string file_name = std::move(ctx->file_name);
-  std::string full_path = std::move(ctx->full_path);
-  *ctx = PageContext{};
-  ctx->start_ms = now_ms();
-  if (parent) {
-    ctx->output_mode = parent->output_mode;
-    ctx->debug = parent->debug;
-    directory.assign(parent->directory);
-    file_name.assign(parent->file_name);
-    full_path.assign(parent->full_path);
-  } else {
-    ctx->output_mode = engine.settings.default_output_mode;
-    ctx->debug = engine.settings.default_debug;
-    directory.clear();
-    file_name.clear();
-    full_path.clear();
-  }
-  ctx->directory = std::move(directory);
-  ctx->file_name = std::move(file_name);
-  ctx->full_path = std::move(full_path);
-  ctx->text_only = true;
-  return ctx;
-}
-
-void keep_text_context(std::unique_ptr<PageContext> ctx) {
-  if (spare_contexts.size() >= kMaxSpareContexts) return;
-  // Let go of what the context shares with others now, not at its reuse.
-  ctx->chain.reset();
-  ctx->saved_table.reset();
-  spare_contexts.push_back(std::move(ctx));
-}
-
-// Output buffers of processed texts, kept for reuse in the same way.
-std::vector<DynStringPtr> spare_bodies;
-
-DynStringPtr new_text_body() {
-  static const DynStringPtr fresh = dyn_new();
-  if (spare_bodies.empty() || !fresh) return dyn_new();
-  DynStringPtr body = std::move(spare_bodies.back());
-  spare_bodies.pop_back();
-  *body = *fresh;  // the state of a new buffer
-  return body;
-}
-
-void keep_text_body(DynStringPtr body) {
-  if (body && spare_bodies.size() < kMaxSpareContexts) spare_bodies.push_back(std::move(body));
-}
-
-}  // namespace
 
 void context_push() {
   PageContext* parent = current_context();
@@ -142,53 +78,169 @@ void context_pop() {
   parent->saved_table.reset();
 }
 
+void install_page(PageContext* ctx, PagePtr page) {
+  ctx->page = page.get();
+  ctx->current = page->size() ? 0 : kNoNode;
+  ctx->owner = std::move(page);
+}
+
 void tag_stack_push() {
   PageContext* ctx = current_context();
-  if (ctx) ctx->tag_stack.push_back(ctx->current_node);
+  if (ctx) ctx->tag_stack.push_back(ctx->current);
 }
 
 bool tag_stack_return() {
   PageContext* ctx = current_context();
   if (!ctx || ctx->tag_stack.empty()) return false;
-  ctx->current_node = ctx->tag_stack.back();
+  ctx->current = ctx->tag_stack.back();
   ctx->tag_stack.pop_back();
   ctx->stay = true;
   return true;
 }
 
-bool tag_is(const ParsedTag* node, std::string_view name) {
-  return node && node->is_tag && equals_nocase(node->name, name);
+uint32_t block_jump(const PageContext& ctx, uint32_t node) {
+  if (node == kNoNode) return kNoNode;
+  return general_path_only ? walk_block_jump(*ctx.page, node) : ctx.page->nodes[node].jump;
 }
 
-const ParsedTag* find_block_end(const ParsedTag* from, std::string_view open, std::string_view close) {
-  unsigned depth = 0;
-  for (const ParsedTag* n = from; n; n = n->next) {
-    if (!n->is_tag) continue;
-    if (tag_is(n, close)) {
-      if (depth == 0) return n;
-      --depth;
-    } else if (tag_is(n, open)) {
-      ++depth;
-    }
+// ---------------------------------------------------------------------------
+// Processing a node
+
+namespace {
+
+// One processed tag per level of nested processing, reused so that a tag
+// processed on every pass of a loop allocates nothing once warm.
+struct TagScratch {
+  std::vector<std::unique_ptr<ParsedTag>> tags;
+  size_t depth = 0;
+};
+TagScratch scratch;
+
+struct ScratchTag {
+  ParsedTag& tag;
+  ScratchTag() : tag(take()) {}
+  ~ScratchTag() { scratch.depth--; }
+  static ParsedTag& take() {
+    if (scratch.depth == scratch.tags.size()) scratch.tags.push_back(std::make_unique<ParsedTag>());
+    return *scratch.tags[scratch.depth++];
   }
-  return nullptr;
+};
+
+void advance(PageContext* ctx) {
+  if (ctx->stay)
+    ctx->stay = false;
+  else
+    ctx->current = next_node(*ctx, ctx->current);
+}
+
+// The processed options of a tag node, in order, as far as processing got
+// before `stop` or `abandon` was raised.
+void process_options(const Page& page, uint32_t index, ParsedTag& tag) {
+  const PageNode& node = page.nodes[index];
+  tag.options.clear();
+  tag.refs.clear();
+  for (uint32_t k = 0; k < node.option_count; k++) {
+    if (engine.stop || engine.abandon) break;
+    const PageOption& option = page.options[node.first_option + k];
+    TagOption& done = tag.options.emplace_back();
+    done.source = &option;
+    done.page = &page;
+    if (option.name_form == FORM_LITERAL)
+      done.name.assign(page.text(option.name));
+    else
+      done.name = process_page_text(option_name_page(page, option, node.line));
+    if (engine.abandon) {
+      tag.options.pop_back();
+      break;
+    }
+    if (option.value_form == FORM_LITERAL) {
+      done.value.assign(page.text(option.value));
+      continue;
+    }
+    const Page& value = option_value_page(page, option, node.line);
+    if (option.value_form == FORM_REFERENCES && !general_path_only && take_references(value, tag, done))
+      continue;
+    done.value = process_page_text(value);
+  }
+}
+
+// Runs the handler of a processed tag; `page` and `index` name the node it
+// was processed from.
+void dispatch(const Page& page, uint32_t index, const ParsedTag& tag, std::string& out) {
+  const PageNode& node = page.nodes[index];
+  const TagHandler* entry = node.tag != TAG_OTHER && !general_path_only
+                                ? builtin_entry(node.tag)
+                                : find_page_name(page, node.span.at);
+  if (!entry) {
+    print_tag(tag, nullptr, out);
+    return;
+  }
+  if (entry->kind == KIND_VARIABLE) {
+    if (tag.options.empty() && !general_path_only && print_variable(*entry, tag.name, out)) return;
+    level4_print(tag, out);
+    return;
+  }
+  ValuePtr result = entry->handler ? entry->handler(tag) : nullptr;
+  if (!result) return;
+  if (result->type == VT_STRING && result->start == 0 && result->end == result->bytes.size())
+    out = std::move(result->bytes);
+  else
+    out = value_text(*result);
+}
+
+}  // namespace
+
+bool process_node(const Page& page, uint32_t index, std::string& out) {
+  out.clear();
+  const PageNode& node = page.nodes[index];
+  if (!node.is_tag) {
+    out.assign(page.text(node.span));
+    return true;
+  }
+  if (++engine.tags_processed > engine.tag_limit && engine.tag_limit) {
+    engine.stop = true;
+    return true;
+  }
+  ScratchTag scratch_tag;
+  ParsedTag& tag = scratch_tag.tag;
+  tag.line = node.line;
+  tag.is_tag = true;
+  tag.name = page.node_name(index);
+  process_options(page, index, tag);
+  if (!engine.abandon) dispatch(page, index, tag, out);
+  return true;
+}
+
+bool process_current_node(std::string& out) {
+  PageContext* ctx = current_context();
+  out.clear();
+  if (!ctx || ctx->current == kNoNode) return true;
+  bool ok = process_node(*ctx->page, ctx->current, out);
+  advance(current_context());
+  return ok;
+}
+
+ValuePtr call_variable_tag(const ParsedTag& tag) {
+  const TagHandler* entry = vartable_find(names_for_read(), tag.name);
+  if (!entry || entry->kind != KIND_VARIABLE) return nullptr;
+  return level4_handler(tag);
 }
 
 bool run_block_captured(void (*capture)(), std::string* captured) {
   PageContext* ctx = current_context();
-  const ParsedTag* self = ctx->current_node;
+  uint32_t self = ctx->current;
   tag_stack_push();
   size_t depth = ctx->tag_stack.size();
   DynStringPtr page_body = std::move(engine.body);
   engine.body = dyn_new();
-  ctx->current_node = self->next;
+  ctx->current = next_node(*ctx, self);
 
   auto still_open = [&] { return ctx->tag_stack.size() >= depth && ctx->tag_stack[depth - 1] == self; };
-  while (!engine.stop && ctx->current_node && still_open()) {
+  while (!engine.stop && ctx->current != kNoNode && still_open()) {
     capture();
     // A page included by that node runs to its end inside the block.
     while (!engine.stop && current_context() != ctx) {
-      if (!current_context()->current_node) {
+      if (current_context()->current == kNoNode) {
         if (current_context()->debug == DEBUG_ON) write_page_statistics();
         context_pop();
         continue;
@@ -202,213 +254,12 @@ bool run_block_captured(void (*capture)(), std::string* captured) {
   ctx->stay = true;
   *captured = engine.body ? dyn_take(std::move(engine.body)) : std::string();
   engine.body = std::move(page_body);
-  if (!ctx->current_node && unclosed) {
-    ctx->current_node = self;
+  if (ctx->current == kNoNode && unclosed) {
+    ctx->current = self;
     captured->clear();
     return false;
   }
   return true;
-}
-
-// ---------------------------------------------------------------------------
-// Processing
-
-namespace {
-
-bool option_text_plain(const std::string& text) {
-  return !has_tag_start(names_for_read(), text);
-}
-
-bool options_are_plain(const ParsedTag& tag) {
-  if (tag.options_plain < 0) {
-    bool plain = true;
-    for (const TagOption& opt : tag.options) {
-      if (!option_text_plain(opt.name) || !option_text_plain(opt.value)) {
-        plain = false;
-        break;
-      }
-    }
-    tag.options_plain = plain ? 1 : 0;
-  }
-  return tag.options_plain == 1;
-}
-
-void advance(PageContext* ctx) {
-  if (ctx->stay)
-    ctx->stay = false;
-  else if (ctx->current_node)
-    ctx->current_node = ctx->current_node->next;
-}
-
-// Appends a node's output to a text's buffer.  Most option texts have one
-// node with output, which then becomes the buffer's content without a copy.
-void put_output(DynString* body, std::string& out) {
-  if (body && body->forward && body->pos == 0 && body->data.empty() && dyn_can_write(body)) {
-    body->data.swap(out);
-    body->pos = static_cast<uint32_t>(body->data.size());
-    body->at_end = 0;
-    return;
-  }
-  dyn_puts(body, out);
-}
-
-// Every level of tags inside option values is a context, a few C++ frames
-// and a copy of the remaining text; deeper pages are refused before the
-// stack or the memory runs out.
-constexpr size_t kMaxContextDepth = 200;
-
-// Runs a chain of option or sub-page text in a context of its own that
-// shares the name table, collecting every output whatever the output mode.
-std::string run_text_chain(const std::shared_ptr<const Chain>& chain) {
-  if (engine.contexts.size() >= kMaxContextDepth) {
-    const PageContext* outer = current_context();
-    if (outer && outer->current_node)
-      report_error(*outer->current_node, "Tags are nested more than 200 levels deep in option values and "
-                                         "included pages.  See the Corvane documentation for details.");
-    engine.stop = true;
-    return {};
-  }
-  auto ctx = new_text_context(current_context());
-  ctx->chain = chain;
-  ctx->first_node = ctx->current_node = chain->head();
-  PageContext* own = ctx.get();
-  size_t depth = engine.contexts.size();
-  engine.contexts.push_back(std::move(ctx));
-
-  // Tags that write to the body themselves (CVBINARY ...) write into this
-  // text's output while it is processed.
-  DynStringPtr saved_body = std::move(engine.body);
-  engine.body = new_text_body();
-
-  std::string out;
-  while (!engine.stop && !engine.abandon) {
-    PageContext* cur = current_context();
-    if (!cur->current_node) {
-      if (cur == own) break;
-      // A page included from inside this text has ended.
-      if (cur->debug == DEBUG_ON) write_page_statistics();
-      context_pop();
-      continue;
-    }
-    if (!process_node(*cur->current_node, out)) {
-      report_internal_error();
-      engine.stop = true;
-      break;
-    }
-    if (!out.empty()) put_output(engine.body.get(), out);
-    advance(current_context());
-  }
-  while (engine.contexts.size() > depth + 1) {
-    if (current_context()->debug == DEBUG_ON) write_page_statistics();
-    context_pop();
-  }
-  context_pop();
-
-  std::string result;
-  if (!engine.abandon && engine.body) result = std::move(engine.body->data);
-  keep_text_body(std::move(engine.body));
-  engine.body = std::move(saved_body);
-  return result;
-}
-
-}  // namespace
-
-namespace {
-std::string dispatch_from(const ParsedTag& tag, const ParsedTag& origin);
-}  // namespace
-
-std::string process_text(std::string_view text) {
-  if (text.empty()) return {};
-  if (!has_tag_start(names_for_read(), text)) return std::string(text);
-  PageContext* ctx = current_context();
-  uint32_t line = ctx && ctx->current_node ? ctx->current_node->line : 1;
-  auto chain = std::make_shared<Chain>(tokenize_text(names_for_read(), text, line));
-  return run_text_chain(chain);
-}
-
-std::string process_option_text(const std::string& text, std::shared_ptr<const Chain>& cache) {
-  if (text.empty()) return {};
-  if (!cache) {
-    if (option_text_plain(text)) return text;
-    PageContext* ctx = current_context();
-    uint32_t line = ctx && ctx->current_node ? ctx->current_node->line : 1;
-    cache = std::make_shared<Chain>(tokenize_text(names_for_read(), text, line));
-  }
-  return run_text_chain(cache);
-}
-
-bool process_node(const ParsedTag& node, std::string& out) {
-  out.clear();
-  if (!node.is_tag) {
-    out = node.text;
-    return true;
-  }
-  if (++engine.tags_processed > engine.tag_limit && engine.tag_limit) {
-    engine.stop = true;
-    return true;
-  }
-  if (options_are_plain(node)) {
-    out = dispatch_from(node, node);
-    return true;
-  }
-  ParsedTag processed;
-  processed.line = node.line;
-  processed.is_tag = true;
-  processed.name = node.name;
-  processed.options.reserve(node.options.size());
-  for (const TagOption& opt : node.options) {
-    if (engine.stop || engine.abandon) break;
-    TagOption done;
-    done.name = process_option_text(opt.name, opt.name_chain);
-    if (engine.abandon) break;
-    done.value = process_option_text(opt.value, opt.value_chain);
-    processed.options.push_back(std::move(done));
-  }
-  if (!engine.abandon) out = dispatch_from(processed, node);
-  return true;
-}
-
-bool process_current_node(std::string& out) {
-  PageContext* ctx = current_context();
-  out.clear();
-  if (!ctx || !ctx->current_node) return true;
-  bool ok = process_node(*ctx->current_node, out);
-  advance(current_context());
-  return ok;
-}
-
-namespace {
-
-// Runs the handler of `tag`; `origin` is the page node it was processed
-// from, which remembers where its name stands in the table.
-std::string dispatch_from(const ParsedTag& tag, const ParsedTag& origin) {
-  const TagHandler* entry = vartable_find_for(*engine.names, origin);
-  if (!entry) {
-    std::string printed;
-    print_node(nullptr, tag, printed);
-    return printed;
-  }
-  TagHandlerFn handler = entry->handler;
-  if (handler == level4_handler) {
-    std::string printed;
-    level4_print(tag, printed);
-    return printed;
-  }
-  ValuePtr result = handler ? handler(tag) : nullptr;
-  if (!result) return {};
-  if (result->type == VT_STRING && result->start == 0 && result->end == result->bytes.size())
-    return std::move(result->bytes);
-  return value_text(*result);
-}
-
-}  // namespace
-
-std::string dispatch_tag(const ParsedTag& tag) { return dispatch_from(tag, tag); }
-
-ValuePtr call_variable_tag(const ParsedTag& tag) {
-  const TagHandler* entry = vartable_find(names_for_read(), tag.name);
-  if (!entry || entry->kind != KIND_VARIABLE || !entry->handler) return nullptr;
-  return entry->handler(tag);
 }
 
 // ---------------------------------------------------------------------------
@@ -446,8 +297,8 @@ void run_pages() {
   while (PageContext* ctx = current_context()) {
     while (!engine.stop) {
       ctx = current_context();
-      if (!ctx->current_node) break;
-      if (!process_node(*ctx->current_node, out)) {
+      if (ctx->current == kNoNode) break;
+      if (!process_node(*ctx->page, ctx->current, out)) {
         report_internal_error();
         engine.stop = true;
         break;
@@ -462,4 +313,30 @@ void run_pages() {
     if (ctx->debug == DEBUG_ON) write_page_statistics();
     context_pop();
   }
+}
+
+void print_node(const ParsedTag& tag, std::string& out) {
+  print_tag(tag, tag.is_tag ? vartable_stored_name(*engine.names, tag.name) : nullptr, out);
+}
+
+void print_node(const Page& page, uint32_t node, std::string& out) {
+  const std::string* stored =
+      page.nodes[node].is_tag ? vartable_stored_name(*engine.names, page.node_name(node)) : nullptr;
+  print_page_node(page, node, stored, out);
+}
+
+namespace {
+TagHandler builtin_rows[TAG_COUNT];
+}
+
+void set_builtin_entry(uint8_t tag, const TagHandler& entry) {
+  if (tag < TAG_COUNT) {
+    builtin_rows[tag].kind = entry.kind;
+    builtin_rows[tag].tag_class = entry.tag_class;
+    builtin_rows[tag].handler = entry.handler;
+  }
+}
+
+const TagHandler* builtin_entry(uint8_t tag) {
+  return tag < TAG_COUNT && builtin_rows[tag].handler ? &builtin_rows[tag] : nullptr;
 }

@@ -2,7 +2,7 @@
 // page's output mode and the tags that change the header block.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 void send_headers();

@@ -15,12 +15,12 @@ void put(DynStringPtr& buffer, std::string_view text) {
 }
 
 std::string line_of(const PageContext* ctx) {
-  return std::to_string(ctx && ctx->current_node ? ctx->current_node->line : 0);
+  return std::to_string(ctx ? node_line(*ctx, ctx->current) : 0);
 }
 
 std::string printed(const ParsedTag& node) {
   std::string out;
-  print_node(engine.names.get(), node, out);
+  print_node(node, out);
   return out;
 }
 
@@ -55,9 +55,9 @@ void report_error(const ParsedTag& tag, std::string_view message) {
       r += message;
       r += "\nHere is the processed tag that caused the error:\n";
       r += printed(tag);
-      if (ctx->current_node && ctx->current_node->is_tag) {
+      if (node_is_tag(*ctx, ctx->current)) {
         r += "\n\nHere is the original tag that caused the error:\n";
-        r += printed(*ctx->current_node);
+        print_node(*ctx->page, ctx->current, r);
       }
     } else {
       r += message;
@@ -66,7 +66,7 @@ void report_error(const ParsedTag& tag, std::string_view message) {
     }
     r += "\n\nBelow is the processed page that Corvane saw (note that it may only be a portion of the "
          "original page and may look distorted due to improperly written code):\n\n";
-    r += print_chain(engine.names.get(), ctx->first_node);
+    for (uint32_t i = 0; ctx->page && i < ctx->page->size(); i++) print_node(*ctx->page, i, r);
     r += "\n\n";
     put(engine.errors, r);
   }
@@ -106,11 +106,11 @@ void write_stack_dump() {
   const PageContext* ctx = current_context();
   if (!ctx || ctx->tag_stack.empty()) return;
   std::string r = "\n\nStack dump of " + ctx->full_path + ":\n\n";
-  for (const ParsedTag* node : ctx->tag_stack) {
-    if (node && node->is_tag)
-      r += "Tag (Line #" + std::to_string(node->line) + "): " + node->name + "\n";
+  for (uint32_t node : ctx->tag_stack) {
+    if (node_is_tag(*ctx, node))
+      r += "Tag (Line #" + std::to_string(node_line(*ctx, node)) + "): " + ctx->page->node_name(node) + "\n";
     else
-      r += "Text from line #" + std::to_string(node ? node->line : 0) + " found on stack.\n";
+      r += "Text from line #" + std::to_string(node_line(*ctx, node)) + " found on stack.\n";
   }
   put(engine.stats, r);
 }

@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // Files an error for `tag` (as the handler received it) and stops the page.

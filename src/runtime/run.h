@@ -8,8 +8,9 @@
 #include <string_view>
 #include <vector>
 
-#include "page/tokenizer.h"
 #include "base/dynstring.h"
+#include "page/page.h"
+#include "page/tag.h"
 #include "values/value.h"
 #include "values/vartable.h"
 
@@ -20,11 +21,11 @@ enum DebugMode : uint8_t { DEBUG_OFF = 0, DEBUG_ON = 1, DEBUG_ERRORS = 2 };
 
 // One page being processed, or one piece of text processed on its own.
 struct PageContext {
-  std::shared_ptr<const Chain> chain;  // owns the nodes
-  const ParsedTag* first_node = nullptr;
-  const ParsedTag* current_node = nullptr;
+  PagePtr owner;              // keeps the page alive (an option's page lives in its root)
+  const Page* page = nullptr;
+  uint32_t current = kNoNode;  // the node to process next; kNoNode at the end
   bool stay = false;
-  std::vector<const ParsedTag*> tag_stack;
+  std::vector<uint32_t> tag_stack;  // node indices
   VarTablePtr saved_table;
   uint64_t start_ms = 0;
   std::string directory, file_name, full_path;
@@ -77,6 +78,12 @@ struct Engine {
 
 extern Engine engine;
 
+// Set from the environment at start-up (CVML_GENERAL_PATH=1): every option
+// is processed as a page of its own, every expression as text, every block
+// end found by walking, every name looked up afresh.  The compiled path must
+// give the same output, headers and reports; tests run both.
+extern bool general_path_only;
+
 // Clears every flag, buffer and context: a fresh engine for one run.
 void engine_reset();
 uint64_t now_ms();
@@ -86,40 +93,66 @@ PageContext* current_context();
 VarTable& names_for_read();
 VarTable& names_for_write();
 
-// The 47 built-in rows (those whose handlers exist) in a new table.
+// The 47 built-in rows in a new table.
 bool tag_table_init();
+// The entry of a built-in tag (every table holds the same built-in rows).
+const TagHandler* builtin_entry(uint8_t tag);
 
 void context_push();
 void context_pop();
 void tag_stack_push();
 bool tag_stack_return();
+// Makes `page` the context's page, its first node the current one.
+void install_page(PageContext* ctx, PagePtr page);
+
+// Nodes of a context.
+inline bool node_is(const PageContext& ctx, uint32_t node, uint8_t tag) {
+  return node != kNoNode && ctx.page->nodes[node].is_tag && ctx.page->nodes[node].tag == tag;
+}
+inline bool node_is_tag(const PageContext& ctx, uint32_t node) {
+  return node != kNoNode && ctx.page->nodes[node].is_tag;
+}
+inline uint32_t node_line(const PageContext& ctx, uint32_t node) {
+  return node == kNoNode ? 0 : ctx.page->nodes[node].line;
+}
+inline uint32_t next_node(const PageContext& ctx, uint32_t node) {
+  return node == kNoNode || node + 1 >= ctx.page->size() ? kNoNode : node + 1;
+}
+// Where a block tag goes (see PageNode::jump): resolved by the compiler, or
+// walked for on the general path.
+uint32_t block_jump(const PageContext& ctx, uint32_t node);
 
 // The main loop over every context.
 void run_pages();
-// The output of one node; false for an internal failure.
-bool process_node(const ParsedTag& node, std::string& out);
-// Processes text as a page of its own and returns its output.
-std::string process_text(std::string_view text);
-// Same, for an option text whose parsed form the caller remembers.
-std::string process_option_text(const std::string& text, std::shared_ptr<const Chain>& cache);
 // Processes the current node of the current context and advances it; the
 // output goes to `out`, not to the body.  False for an internal failure.
 bool process_current_node(std::string& out);
-std::string dispatch_tag(const ParsedTag& tag);
+// Processes text as a page of its own and returns its output.
+std::string process_text(std::string_view text);
 // The value of a variable tag, or null when the name is not a variable.
 ValuePtr call_variable_tag(const ParsedTag& tag);
-
-// Block walks shared by block handlers: the first node from `from` on
-// (`from` included) that is a tag named `close` while the nesting of
-// `open`/`close` tags is zero.
-const ParsedTag* find_block_end(const ParsedTag* from, std::string_view open, std::string_view close);
-bool tag_is(const ParsedTag* node, std::string_view name);
 
 // Runs the block that the current node opens, from the node after it until
 // its closing tag replaces the opening tag's stack entry, with the page body
 // set aside: `capture` processes one node into the fresh body buffer, and
 // what the block wrote comes back in `captured`.  Pages included by the
-// block run to their end inside it.  False, with `current_node` back on the
-// opening tag and nothing captured, when the chain ends before the closing
-// tag.
+// block run to their end inside it.  False, with the current node back on
+// the opening tag and nothing captured, when the page ends before the
+// closing tag.
 bool run_block_captured(void (*capture)(), std::string* captured);
+
+// An option of the processed tag evaluated as an expression (see
+// expr_evaluate); null when the tag has no such option.  Values the compiled
+// path left unprinted are computed from their references' numbers.
+ValuePtr option_evaluate(const ParsedTag& tag, std::string_view name);
+
+// A tag or a page node printed back as page text, with the name table's
+// spelling of its name when the name is in the table.
+void print_node(const ParsedTag& tag, std::string& out);
+void print_node(const Page& page, uint32_t node, std::string& out);
+
+// The compiled page of a file, or null when it cannot be read (a file that
+// is not a regular file cannot).
+PagePtr load_page(const std::string& path);
+// Records the entry of a built-in tag for builtin_entry().
+void set_builtin_entry(uint8_t tag, const TagHandler& entry);

@@ -50,12 +50,6 @@ size_t include_depth() {
   return depth;
 }
 
-void install_chain(PageContext* ctx, Chain chain) {
-  auto owned = std::make_shared<const Chain>(std::move(chain));
-  ctx->first_node = owned->head();
-  ctx->current_node = ctx->first_node;
-  ctx->chain = std::move(owned);
-}
 
 // Fills the new context from the file named by "file"; false after
 // reporting the failure (the new context is popped first).
@@ -72,17 +66,16 @@ bool load_file(const ParsedTag& tag, const PageContext& outer, PageContext* inne
   inner->file_name = file_name;
   inner->full_path = engine.settings.doc_root + directory + file_name;
 
-  Chain chain;
   std::error_code ec;
-  bool readable = !std::filesystem::is_directory(inner->full_path, ec) &&
-                  tokenize_file(names_for_read(), inner->full_path, &chain);
-  if (!readable) {
+  PagePtr page;
+  if (!std::filesystem::is_directory(inner->full_path, ec)) page = load_page(inner->full_path);
+  if (!page) {
     report_diagnostic("Error opening " + inner->full_path + " for processing.\n");
     context_pop();
     report_error(tag, kIncludeOpenFailed);
     return false;
   }
-  install_chain(inner, std::move(chain));
+  install_page(inner, std::move(page));
   return true;
 }
 
@@ -99,7 +92,7 @@ bool load_variable(const ParsedTag& tag, const PageContext& outer, PageContext* 
   inner->directory = outer.directory;
   inner->file_name = outer.file_name;
   inner->full_path = outer.full_path;
-  install_chain(inner, tokenize_text(names_for_read(), text, 1));
+  install_page(inner, compile_page(text, 1));
   return true;
 }
 
@@ -134,7 +127,7 @@ ValuePtr cvinclude_handler(const ParsedTag& tag) {
       return value_new();
     }
   }
-  if (outer->current_node) outer->current_node = outer->current_node->next;
+  outer->current = next_node(*outer, outer->current);
   inner->stay = true;
   return value_new();
 }

@@ -1,7 +1,7 @@
 // CVINCLUDE, CVEXIT and CVRESTART.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 ValuePtr cvinclude_handler(const ParsedTag& tag);

@@ -30,39 +30,12 @@ const char kCloseNotOnTop[] =
     "with no matching opening tag OR another tag pair was opened after a valid <CVIF> but a "
     "closing tag was not encountered.  See the stack dump for details.";
 
-bool is_branch_tag(const ParsedTag* node) {
-  return tag_is(node, "CVELSEIF") || tag_is(node, "CVELSE") || tag_is(node, "/CVIF");
-}
-
-// The next CVELSEIF, CVELSE or /CVIF at the same nesting level after `from`
-// (a CVIF, CVELSEIF or CVELSE node); null when the chain ends first.  Every
-// such node is linked to the next one once and the link is remembered, so a
-// loop that runs a CVIF on every pass walks its body only the first time.
-const ParsedTag* next_branch(const ParsedTag* from) {
-  if (from->block_end_known) return from->block_end;
-  const ParsedTag* found = nullptr;
-  unsigned depth = 0;
-  for (const ParsedTag* n = from->next; n; n = n->next) {
-    if (!n->is_tag) continue;
-    if (tag_is(n, "CVIF")) {
-      ++depth;
-    } else if (depth > 0) {
-      if (tag_is(n, "/CVIF")) --depth;
-    } else if (is_branch_tag(n)) {
-      found = n;
-      break;
-    }
-  }
-  from->block_end = found;
-  from->block_end_known = true;
-  return found;
-}
-
 // The /CVIF that closes the structure `from` belongs to, by following the
-// branch links; the CVELSEIF and CVELSE tags met on the way are passed over.
-const ParsedTag* closing_cvif(const ParsedTag* from) {
-  const ParsedTag* n = next_branch(from);
-  while (n && !tag_is(n, "/CVIF")) n = next_branch(n);
+// links from branch tag to branch tag (see block_jump); the CVELSEIF and
+// CVELSE tags met on the way are passed over.
+uint32_t closing_cvif(const PageContext& ctx, uint32_t from) {
+  uint32_t n = block_jump(ctx, from);
+  while (n != kNoNode && !node_is(ctx, n, TAG_CLOSE_CVIF)) n = block_jump(ctx, n);
   return n;
 }
 
@@ -79,38 +52,37 @@ void evaluate_branch(const ParsedTag& tag) {
   bool numeric = false;
   bool truth = false;
   {
-    ValuePtr result = expr_evaluate(*condition);
+    ValuePtr result = option_evaluate(tag, "condition");
     if (result) truth = expr_value_truth(*result, &numeric);
   }
   if (!numeric) {
     report_error(tag, tag.name + " requires the 'condition' option to be either a blank string or a number.");
     return;
   }
-  const ParsedTag* here = ctx->current_node;
-  const std::string no_close = tag.name + " requires a closing </CVIF> tag.  </CVIF> tag not found.";
+  uint32_t here = ctx->current;
   if (truth) {
-    const ParsedTag* end = closing_cvif(here);
-    if (!end) {
-      report_error(tag, no_close);
+    uint32_t end = closing_cvif(*ctx, here);
+    if (end == kNoNode) {
+      report_error(tag, tag.name + " requires a closing </CVIF> tag.  </CVIF> tag not found.");
       return;
     }
     ctx->tag_stack.push_back(end);
     return;
   }
-  const ParsedTag* next = next_branch(here);
-  if (!next) {
-    report_error(tag, no_close);
+  uint32_t next = block_jump(*ctx, here);
+  if (next == kNoNode) {
+    report_error(tag, tag.name + " requires a closing </CVIF> tag.  </CVIF> tag not found.");
     return;
   }
-  if (tag_is(next, "/CVIF")) {
+  if (node_is(*ctx, next, TAG_CLOSE_CVIF)) {
     // Resume after the /CVIF; its handler does not run.
-    ctx->current_node = next;
+    ctx->current = next;
     return;
   }
   // The next CVELSEIF or CVELSE runs next and finds this tag on the stack.
   ctx->tag_stack.push_back(here);
   ctx->stay = true;
-  ctx->current_node = next;
+  ctx->current = next;
 }
 
 // What the top of the stack says about a CVELSEIF or CVELSE.
@@ -118,17 +90,17 @@ enum class TopKind { kEmpty, kText, kTakenBranch, kUntakenBranch, kOther };
 
 TopKind stack_top_kind(const PageContext& ctx) {
   if (ctx.tag_stack.empty()) return TopKind::kEmpty;
-  const ParsedTag* top = ctx.tag_stack.back();
-  if (!top->is_tag) return TopKind::kText;
-  if (tag_is(top, "/CVIF")) return TopKind::kTakenBranch;
-  if (tag_is(top, "CVIF") || tag_is(top, "CVELSEIF")) return TopKind::kUntakenBranch;
+  uint32_t top = ctx.tag_stack.back();
+  if (!node_is_tag(ctx, top)) return TopKind::kText;
+  if (node_is(ctx, top, TAG_CLOSE_CVIF)) return TopKind::kTakenBranch;
+  if (node_is(ctx, top, TAG_CVIF) || node_is(ctx, top, TAG_CVELSEIF)) return TopKind::kUntakenBranch;
   return TopKind::kOther;
 }
 
 // A branch has run to this CVELSEIF or CVELSE: leave the structure after
 // its /CVIF.
 void leave_structure(PageContext* ctx) {
-  ctx->current_node = ctx->tag_stack.back();
+  ctx->current = ctx->tag_stack.back();
   ctx->tag_stack.pop_back();
 }
 
@@ -182,8 +154,8 @@ ValuePtr cvelse_handler(const ParsedTag& tag) {
       break;
     case TopKind::kUntakenBranch: {
       ctx->tag_stack.pop_back();
-      const ParsedTag* end = closing_cvif(ctx->current_node);
-      if (!end) {
+      uint32_t end = closing_cvif(*ctx, ctx->current);
+      if (end == kNoNode) {
         report_error(tag, kElseNoClose);
         break;
       }
@@ -197,7 +169,7 @@ ValuePtr cvelse_handler(const ParsedTag& tag) {
 // </CVIF>: the taken branch ended without meeting another branch tag.
 ValuePtr cvif_close_handler(const ParsedTag& tag) {
   PageContext* ctx = current_context();
-  if (!ctx->tag_stack.empty() && ctx->tag_stack.back()->is_tag && tag_is(ctx->tag_stack.back(), "/CVIF")) {
+  if (!ctx->tag_stack.empty() && node_is(*ctx, ctx->tag_stack.back(), TAG_CLOSE_CVIF)) {
     ctx->tag_stack.pop_back();
   } else {
     report_error(tag, kCloseNotOnTop);

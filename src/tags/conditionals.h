@@ -1,7 +1,7 @@
 // CVIF, CVELSEIF, CVELSE and /CVIF.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 ValuePtr cvif_handler(const ParsedTag& tag);

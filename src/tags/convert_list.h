@@ -2,7 +2,7 @@
 // from a list, all in place and without output.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 // <CV-CONVERT var=reference type="number|string|list|array|hash">

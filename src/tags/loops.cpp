@@ -32,22 +32,18 @@ std::string not_numeric_message(const char* tag, const char* option) {
   return std::string(tag) + " requires the '" + option + "' option to be either a blank string or a number.";
 }
 
-bool is_tag_named(const ParsedTag* node, std::string_view name) {
-  return node && node->is_tag && tag_is(node, name);
-}
-
-// Evaluates a condition text; false in `numeric` when the result is not a
+// Evaluates the condition; false in `numeric` when the result is not a
 // number of either kind.
-bool condition_truth(const std::string& text, bool* numeric) {
+bool condition_truth(const ParsedTag& tag, bool* numeric) {
   *numeric = false;
-  ValuePtr result = expr_evaluate(text);
+  ValuePtr result = option_evaluate(tag, "condition");
   return result ? expr_value_truth(*result, numeric) : false;
 }
 
 // Evaluates a numeric option ("initial", "increment"); null when the result
 // is not a number.
-ValuePtr numeric_option(const std::string& text) {
-  ValuePtr result = expr_evaluate(text);
+ValuePtr numeric_option(const ParsedTag& tag, std::string_view name) {
+  ValuePtr result = option_evaluate(tag, name);
   if (!result || !value_is_numeric(*result)) return nullptr;
   return result;
 }
@@ -55,56 +51,14 @@ ValuePtr numeric_option(const std::string& text) {
 // The closing tag a closing handler returns from: the opening tag on top of
 // the stack becomes the current node again, with the closing tag in its
 // place, so the opening tag runs next and sees it was returned to.
-bool return_to_opening(std::string_view open_name) {
+bool return_to_opening(uint8_t open) {
   PageContext* ctx = current_context();
-  if (ctx->tag_stack.empty() || !is_tag_named(ctx->tag_stack.back(), open_name)) return false;
-  const ParsedTag* closing = ctx->current_node;
-  ctx->current_node = ctx->tag_stack.back();
+  if (ctx->tag_stack.empty() || !node_is(*ctx, ctx->tag_stack.back(), open)) return false;
+  uint32_t closing = ctx->current;
+  ctx->current = ctx->tag_stack.back();
   ctx->tag_stack.back() = closing;
   ctx->stay = true;
   return true;
-}
-
-// The /CVFOR closing the loop opened at `from`, found once per node.
-const ParsedTag* cvfor_end(const ParsedTag* from) {
-  if (!from->block_end_known) {
-    const ParsedTag* found = nullptr;
-    unsigned depth = 0;
-    for (const ParsedTag* n = from->next; n && !found; n = n->next) {
-      if (tag_is(n, "CVFOR")) {
-        ++depth;
-      } else if (tag_is(n, "/CVFOR")) {
-        if (depth == 0) found = n;
-        else --depth;
-      }
-    }
-    from->block_end = found;
-    from->block_end_known = true;
-  }
-  return from->block_end;
-}
-
-// Where a CVWHILE that is false on arrival resumes: the first /CVWHILE after
-// it, or the node right after the first nested CVWHILE.  The walk does not
-// balance nested loops; a false outer loop thus resumes inside its own body.
-const ParsedTag* cvwhile_skip_target(const ParsedTag* from) {
-  if (!from->block_end_known) {
-    const ParsedTag* found = nullptr;
-    for (const ParsedTag* n = from->next; n; n = n->next) {
-      if (!n->is_tag) continue;
-      if (tag_is(n, "/CVWHILE")) {
-        found = n;
-        break;
-      }
-      if (tag_is(n, "CVWHILE")) {
-        found = n->next;
-        break;
-      }
-    }
-    from->block_end = found;
-    from->block_end_known = true;
-  }
-  return from->block_end;
 }
 
 // Adds the increment to the loop variable's number.  A value of the other
@@ -139,8 +93,8 @@ ValuePtr step_value(const Value& current, const Value* increment) {
 // First arrival: initialise the variable, find the /CVFOR and stack it
 // twice, so the tag is processed again at once in the test phase.
 void cvfor_start(const ParsedTag& tag, PageContext* ctx, const std::string& var_name) {
-  const std::string* initial = tag_option(tag, "initial");
-  ValuePtr start = initial ? numeric_option(*initial) : nullptr;
+  bool initial = tag_option_entry(tag, "initial") != nullptr;
+  ValuePtr start = initial ? numeric_option(tag, "initial") : nullptr;
   if (initial && !start) {
     report_error(tag, not_numeric_message("CVFOR", "initial"));
     return;
@@ -153,8 +107,8 @@ void cvfor_start(const ParsedTag& tag, PageContext* ctx, const std::string& var_
   }
   if (!start) start = value_to_number(*var);
   value_assign(var, start.get());
-  const ParsedTag* end = cvfor_end(ctx->current_node);
-  if (!end) {
+  uint32_t end = block_jump(*ctx, ctx->current);
+  if (end == kNoNode) {
     report_error(tag, kForNoClose);
     return;
   }
@@ -165,14 +119,14 @@ void cvfor_start(const ParsedTag& tag, PageContext* ctx, const std::string& var_
 
 // Both top entries are the /CVFOR: test the condition.  True runs the body
 // with this tag on top of the stack; false resumes after the /CVFOR.
-void cvfor_test(const ParsedTag& tag, PageContext* ctx, const std::string& condition) {
+void cvfor_test(const ParsedTag& tag, PageContext* ctx) {
   bool numeric = false;
-  bool truth = condition_truth(condition, &numeric);
+  bool truth = condition_truth(tag, &numeric);
   if (!numeric) {
     report_error(tag, not_numeric_message("CVFOR", "condition"));
     return;
   }
-  const ParsedTag* self = ctx->current_node;
+  uint32_t self = ctx->current;
   if (!truth) {
     tag_stack_return();
     tag_stack_return();
@@ -181,15 +135,15 @@ void cvfor_test(const ParsedTag& tag, PageContext* ctx, const std::string& condi
   }
   tag_stack_return();
   ctx->stay = false;
-  ctx->current_node = self;
+  ctx->current = self;
   ctx->tag_stack.back() = self;
 }
 
 // Returned to from the /CVFOR: add the increment, then test again.
 void cvfor_step(const ParsedTag& tag, PageContext* ctx, const std::string& var_name) {
   ValuePtr increment;
-  if (const std::string* text = tag_option(tag, "increment")) {
-    increment = numeric_option(*text);
+  if (tag_option_entry(tag, "increment")) {
+    increment = numeric_option(tag, "increment");
     if (!increment) {
       report_error(tag, not_numeric_message("CVFOR", "increment"));
       return;
@@ -223,8 +177,7 @@ ValuePtr cvfor_handler(const ParsedTag& tag) {
     report_error(tag, option_required_message("CVFOR", "var"));
     return value_new();
   }
-  const std::string* condition = tag_option(tag, "condition");
-  if (!condition) {
+  if (!tag_option_entry(tag, "condition")) {
     report_error(tag, option_required_message("CVFOR", "condition"));
     return value_new();
   }
@@ -234,10 +187,10 @@ ValuePtr cvfor_handler(const ParsedTag& tag) {
   }
   const auto& stack = ctx->tag_stack;
   size_t depth = stack.size();
-  bool top_is_close = depth >= 1 && is_tag_named(stack[depth - 1], "/CVFOR");
-  bool second_is_close = depth >= 2 && is_tag_named(stack[depth - 2], "/CVFOR");
+  bool top_is_close = depth >= 1 && node_is(*ctx, stack[depth - 1], TAG_CLOSE_CVFOR);
+  bool second_is_close = depth >= 2 && node_is(*ctx, stack[depth - 2], TAG_CLOSE_CVFOR);
   if (top_is_close && second_is_close) {
-    cvfor_test(tag, ctx, *condition);
+    cvfor_test(tag, ctx);
   } else if (top_is_close) {
     cvfor_step(tag, ctx, *var_name);
   } else {
@@ -248,30 +201,29 @@ ValuePtr cvfor_handler(const ParsedTag& tag) {
 
 // </CVFOR>
 ValuePtr cvfor_close_handler(const ParsedTag& tag) {
-  if (!return_to_opening("CVFOR")) report_error(tag, kForCloseNotOnTop);
+  if (!return_to_opening(TAG_CVFOR)) report_error(tag, kForCloseNotOnTop);
   return value_new();
 }
 
 // <CVWHILE condition="...">
 ValuePtr cvwhile_handler(const ParsedTag& tag) {
   PageContext* ctx = current_context();
-  const std::string* condition = tag_option(tag, "condition");
-  if (!condition) {
+  if (!tag_option_entry(tag, "condition")) {
     report_error(tag, option_required_message("CVWHILE", "condition"));
     return value_new();
   }
   bool numeric = false;
-  bool truth = condition_truth(*condition, &numeric);
+  bool truth = condition_truth(tag, &numeric);
   if (!numeric) {
     report_error(tag, not_numeric_message("CVWHILE", "condition"));
     return value_new();
   }
-  bool returned = !ctx->tag_stack.empty() && is_tag_named(ctx->tag_stack.back(), "/CVWHILE");
+  bool returned = !ctx->tag_stack.empty() && node_is(*ctx, ctx->tag_stack.back(), TAG_CLOSE_CVWHILE);
   if (truth) {
     if (returned) {
-      ctx->tag_stack.back() = ctx->current_node;
+      ctx->tag_stack.back() = ctx->current;
     } else {
-      ctx->tag_stack.push_back(ctx->current_node);
+      ctx->tag_stack.push_back(ctx->current);
     }
     return value_new();
   }
@@ -280,17 +232,17 @@ ValuePtr cvwhile_handler(const ParsedTag& tag) {
     ctx->stay = false;
     return value_new();
   }
-  const ParsedTag* target = cvwhile_skip_target(ctx->current_node);
-  if (!target) {
+  uint32_t target = block_jump(*ctx, ctx->current);
+  if (target == kNoNode) {
     report_error(tag, kWhileNoClose);
     return value_new();
   }
-  ctx->current_node = target;
+  ctx->current = target;
   return value_new();
 }
 
 // </CVWHILE>
 ValuePtr cvwhile_close_handler(const ParsedTag& tag) {
-  if (!return_to_opening("CVWHILE")) report_error(tag, kWhileCloseNotOnTop);
+  if (!return_to_opening(TAG_CVWHILE)) report_error(tag, kWhileCloseNotOnTop);
   return value_new();
 }

@@ -1,7 +1,7 @@
 // CVFOR and CVWHILE with their closing tags.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 ValuePtr cvfor_handler(const ParsedTag& tag);

@@ -79,8 +79,7 @@ ValuePtr cvvar_handler(const ParsedTag& tag) {
     report_error(tag, option_required_message("CVVAR", "var"));
     return value_new();
   }
-  const std::string* text = tag_option(tag, "value");
-  ValuePtr result = text ? expr_evaluate(*text) : nullptr;
+  ValuePtr result = option_evaluate(tag, "value");
   Value* v = level4_resolve(*var);
   if (!v) {
     report_error(tag, not_obtained("CVVAR"));
@@ -148,7 +147,7 @@ ValuePtr cvdirect_handler(const ParsedTag& tag) {
     return value_new();
   }
   if (tag_option(tag, "processtags")) {
-    if (!current_context() || !current_context()->current_node) {
+    if (!current_context() || current_context()->current == kNoNode) {
       report_error(tag, kDirectNoLocalClose);
       return value_new();
     }
@@ -157,28 +156,27 @@ ValuePtr cvdirect_handler(const ParsedTag& tag) {
 
   // As written: the nodes up to the matching closing tag, printed and not run.
   PageContext* ctx = current_context();
-  const ParsedTag* self = ctx ? ctx->current_node : nullptr;
-  const ParsedTag* end = self ? find_block_end(self->next, "CVDIRECT", "/CVDIRECT") : nullptr;
-  if (!end) {
+  uint32_t self = ctx ? ctx->current : kNoNode;
+  uint32_t end = self != kNoNode ? block_jump(*ctx, self) : kNoNode;
+  if (end == kNoNode) {
     report_error(tag, kDirectNotClosed);
     return value_new();
   }
   std::string text;
-  const VarTable& names = names_for_read();
-  for (const ParsedTag* n = self->next; n && n != end; n = n->next) print_node(&names, *n, text);
+  for (uint32_t n = self + 1; n < end; n++) print_node(*ctx->page, n, text);
   assign_text(v, std::move(text));
   // The loop moves on past the closing tag, whose handler never runs.
-  ctx->current_node = end;
+  ctx->current = end;
   return value_new();
 }
 
 // </CVDIRECT>: ends the capture of the innermost CVDIRECT block.
 ValuePtr cvdirect_close_handler(const ParsedTag& tag) {
   PageContext* ctx = current_context();
-  if (!ctx || ctx->tag_stack.empty() || !tag_is(ctx->tag_stack.back(), "CVDIRECT")) {
+  if (!ctx || ctx->tag_stack.empty() || !node_is(*ctx, ctx->tag_stack.back(), TAG_CVDIRECT)) {
     report_error(tag, kDirectNotOnStack);
     return value_new();
   }
-  ctx->tag_stack.back() = ctx->current_node;
+  ctx->tag_stack.back() = ctx->current;
   return value_new();
 }

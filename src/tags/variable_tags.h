@@ -2,7 +2,7 @@
 // variables, and capture a stretch of the page into one.
 #pragma once
 
-#include "page/tokenizer.h"
+#include "page/tag.h"
 #include "values/value.h"
 
 ValuePtr cvvar_handler(const ParsedTag& tag);

@@ -6,6 +6,7 @@
 // 0.300000000000000 and is read back as 0.3), so the passes work on text
 // rather than on parsed numbers.  Each step is one left-to-right scan;
 // nothing recurses with the depth of the input.
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -14,9 +15,12 @@
 #include <type_traits>
 #include <vector>
 
-#include "runtime/expression.h"
+#include "values/arithmetic.h"
+
+#include "values/value.h"
 
 uint8_t eval_status = 0;
+bool arithmetic_shortcuts = true;
 
 namespace {
 
@@ -546,14 +550,16 @@ Num evaluate(std::string_view text) {
   for (char c : text)
     if (!is_space(c)) s.stripped += c;
   std::string_view t = s.stripped;
-  if (is_plain_number(t)) {
-    Num n;
-    read_number(t, n);
-    return n;
+  if (arithmetic_shortcuts) {
+    if (is_plain_number(t)) {
+      Num n;
+      read_number(t, n);
+      return n;
+    }
+    Num single;
+    if (evaluate_single<Num>(t, single)) return single;
+    if (t.find_first_of("()?:") == std::string_view::npos && evaluate_tokens<Num>(t, single)) return single;
   }
-  Num single;
-  if (evaluate_single<Num>(t, single)) return single;
-  if (t.find_first_of("()?:") == std::string_view::npos && evaluate_tokens<Num>(t, single)) return single;
   if (t.find_first_of("()") == std::string_view::npos) return evaluate_flat<Num>(t);
 
   // Parentheses: a stack of texts, one per open group; a closed group is
@@ -592,7 +598,36 @@ Num evaluate(std::string_view text) {
   return n;
 }
 
+// Bytes that may appear in arithmetic text besides digits and white space.
+bool is_operator_byte(char c) {
+  switch (c) {
+    case '!': case '%': case '&': case '(': case ')': case '*': case '+': case '-':
+    case '.': case '/': case ':': case '<': case '=': case '>': case '?': case '^':
+    case '|': case '~':
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
+
+bool expr_is_arithmetic(std::string_view text) {
+  bool in_fraction = false;  // a "." has been seen in the current number
+  for (char c : text) {
+    if (c == '.') {
+      if (in_fraction) return false;
+      in_fraction = true;
+    } else if (is_digit(c) || is_space(c) || c == '(' || c == ')' || c == '!' || c == '~') {
+      // These do not end a number for the purpose of the decimal point.
+    } else if (is_operator_byte(c)) {
+      in_fraction = false;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
 
 double expr_eval_double(std::string_view text) {
   eval_status = EVAL_OK;
@@ -602,4 +637,309 @@ double expr_eval_double(std::string_view text) {
 Decimal expr_eval_decimal(std::string_view text) {
   eval_status = EVAL_OK;
   return evaluate<Decimal>(text);
+}
+
+// ---------------------------------------------------------------------------
+// Compiled expressions
+//
+// The program is the expression in postfix order.  Every value on its stack
+// is the number that the text evaluator would read back at that point: an
+// arithmetic result or a reference rounded as "%.15lf" prints it, a constant
+// as written.  Integer operators read their operands' leading integers; a
+// constant keeps its own, which can differ from its rounded number's.
+
+bool number_read_back(double d, double* out) {
+  if (!std::isfinite(d)) return false;
+  // Whole numbers print as their digits and read back unchanged.
+  if (d == std::trunc(d) && std::fabs(d) < 1e15) {
+    *out = d;
+    return true;
+  }
+  char buf[400];
+  auto res = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::fixed, 15);
+  if (res.ec != std::errc()) return false;
+  std::string_view text(buf, static_cast<size_t>(res.ptr - buf));
+  bool negative = !text.empty() && text[0] == '-';
+  if (negative) text.remove_prefix(1);
+  *out = parse_unsigned_decimal(text, negative);
+  return true;
+}
+
+namespace {
+
+enum ExprOp : uint8_t {
+  X_CONST, X_REF, X_GROUP,            // push; X_GROUP rounds the top as a printed group
+  X_NOT, X_BITNOT,                    // unary, on the top's leading integer
+  X_BINARY,                           // arg: the Op of the binary operator
+  X_JUMP_IF_ZERO, X_JUMP,             // ?: (pops the condition)
+};
+
+constexpr size_t kMaxProgramTokens = 4096;
+constexpr int kMaxProgramNesting = 64;
+
+struct ProgramToken {
+  bool number = false;
+  bool reference = false;
+  Op op = OP_OTHER;
+  char bracket = 0;  // '(', ')', '?' or ':' for those bytes
+  std::string_view text;
+  uint32_t index = 0;  // reference index
+};
+
+// Recursive descent over the tokens; every rule emits its postfix steps.
+struct ProgramBuilder {
+  const std::vector<ProgramToken>& tokens;
+  ExprProgram& program;
+  size_t pos = 0;
+  uint32_t depth = 0, max_depth = 0;
+  int nesting = 0;
+
+  const ProgramToken* peek() const { return pos < tokens.size() ? &tokens[pos] : nullptr; }
+  void push(ExprStep step, int stack_change) {
+    program.steps.push_back(step);
+    depth = uint32_t(int(depth) + stack_change);
+    max_depth = std::max(max_depth, depth);
+  }
+
+  bool primary() {
+    const ProgramToken* t = peek();
+    if (!t) return false;
+    if (t->number) {
+      ExprStep step;
+      if (t->reference) {
+        step.op = X_REF;
+        step.arg = t->index;
+      } else {
+        step.op = X_CONST;
+        read_number(t->text, step.number);
+        step.integer = read_u32(t->text);
+      }
+      push(step, 1);
+      pos++;
+      return true;
+    }
+    if (t->bracket != '(') return false;
+    pos++;
+    if (++nesting > kMaxProgramNesting || !ternary()) return false;
+    nesting--;
+    t = peek();
+    if (!t || t->bracket != ')') return false;
+    pos++;
+    push(ExprStep{X_GROUP}, 0);
+    return true;
+  }
+
+  bool unary() {
+    std::vector<uint8_t> ops;
+    for (const ProgramToken* t = peek(); t && !t->number && (t->op == OP_NOT || t->op == OP_BITNOT);
+         t = peek()) {
+      ops.push_back(t->op == OP_NOT ? X_NOT : X_BITNOT);
+      pos++;
+    }
+    if (!primary()) return false;
+    // The operator nearest the number applies first.
+    for (size_t i = ops.size(); i-- > 0;) push(ExprStep{ops[i]}, 0);
+    return true;
+  }
+
+  // The binary levels, loosest first: kLevels runs tightest to loosest.
+  bool level(int index) {
+    if (index < 0) return unary();
+    uint32_t ops = kLevels[index];
+    if (!level(index - 1)) return false;
+    for (const ProgramToken* t = peek(); t && !t->number && t->bracket == 0 && (bit(t->op) & ops);
+         t = peek()) {
+      Op op = t->op;
+      pos++;
+      if (!level(index - 1)) return false;
+      ExprStep step{X_BINARY};
+      step.arg = op;
+      push(step, -1);
+    }
+    return true;
+  }
+
+  // condition ? then : else, the condition holding no "?".
+  bool ternary() {
+    if (!level(int(std::size(kLevels)) - 1)) return false;
+    const ProgramToken* t = peek();
+    if (!t || t->bracket != '?') return true;
+    pos++;
+    if (++nesting > kMaxProgramNesting) return false;
+    size_t jump_else = program.steps.size();
+    push(ExprStep{X_JUMP_IF_ZERO}, -1);
+    if (!ternary()) return false;
+    t = peek();
+    if (!t || t->bracket != ':') return false;
+    pos++;
+    size_t jump_end = program.steps.size();
+    push(ExprStep{X_JUMP}, -1);  // the then-value stays; the else-value replaces it
+    program.steps[jump_else].arg = uint32_t(program.steps.size());
+    if (!ternary()) return false;
+    program.steps[jump_end].arg = uint32_t(program.steps.size());
+    nesting--;
+    return true;
+  }
+};
+
+// The leading integer that a printed number reads as, modulo 2^32.
+uint32_t integer_of(double read) {
+  double t = std::trunc(read);
+  int64_t s;
+  if (t >= 9223372036854775807.0)
+    s = INT64_MAX;
+  else if (t <= -9223372036854775808.0)
+    s = INT64_MIN;
+  else
+    s = int64_t(t);
+  return uint32_t(uint64_t(s));
+}
+
+}  // namespace
+
+std::unique_ptr<ExprProgram> expr_compile(const std::vector<ExprPiece>& pieces) {
+  // The text with each reference standing as "1.0", and with "-1.0": both
+  // must be arithmetic, so whatever a reference prints the text is.
+  std::string plus, minus;
+  for (const ExprPiece& piece : pieces) {
+    plus += piece.reference ? std::string_view("1.0") : piece.text;
+    minus += piece.reference ? std::string_view("-1.0") : piece.text;
+  }
+  if (!expr_is_arithmetic(plus) || !expr_is_arithmetic(minus)) return nullptr;
+
+  // White space removed; each reference's place noted.
+  std::string text;
+  std::vector<size_t> ref_at;
+  for (const ExprPiece& piece : pieces) {
+    if (piece.reference) {
+      ref_at.push_back(text.size());
+      text += "1.0";
+      continue;
+    }
+    for (char c : piece.text)
+      if (!is_space(c)) text += c;
+  }
+  if (text.empty()) return nullptr;
+  // The text evaluator works out every parenthesised group, the branch of a
+  // ?: it does not take included, which a program would skip.
+  if (text.find('?') != std::string::npos && text.find('(') != std::string::npos) return nullptr;
+
+  std::vector<ProgramToken> tokens;
+  size_t next_ref = 0;
+  for (size_t pos = 0; pos < text.size();) {
+    if (tokens.size() >= kMaxProgramTokens) return nullptr;
+    ProgramToken tok;
+    bool at_ref = next_ref < ref_at.size() && ref_at[next_ref] == pos;
+    Token lexed = lex(text, pos);
+    // A reference's number stands alone: no sign or digit joins it, and
+    // nothing before it takes it for a sign's operand.
+    if (next_ref < ref_at.size() && ref_at[next_ref] > pos && pos + lexed.len > ref_at[next_ref])
+      return nullptr;
+    if (at_ref) {
+      if (!lexed.number || lexed.len != 3) return nullptr;
+      if (pos > 0) {
+        char before = text[pos - 1];
+        if (is_digit(before) || before == '.' || before == ')') return nullptr;
+      }
+      tok.number = tok.reference = true;
+      tok.index = uint32_t(next_ref++);
+    } else if (lexed.number) {
+      tok.number = true;
+      if (pos > 0 && text[pos - 1] == ')') return nullptr;
+    } else {
+      char c = text[pos];
+      if (c == '(' || c == ')' || c == '?' || c == ':') {
+        tok.bracket = c;
+      } else if (lexed.op == OP_OTHER) {
+        return nullptr;
+      }
+      tok.op = lexed.op;
+    }
+    tok.text = std::string_view(text).substr(pos, lexed.len);
+    tokens.push_back(tok);
+    pos += lexed.len;
+  }
+  if (next_ref != ref_at.size()) return nullptr;
+
+  auto program = std::make_unique<ExprProgram>();
+  program->references = uint32_t(ref_at.size());
+  ProgramBuilder builder{tokens, *program};
+  if (!builder.ternary() || builder.pos != tokens.size()) return nullptr;
+  program->stack_depth = builder.max_depth + 1;
+  return program;
+}
+
+bool expr_run(const ExprProgram& program, const double* references, double* result) {
+  struct Slot {
+    double number;
+    uint32_t integer;
+    bool exact;  // `integer` is the operand's own leading integer
+  };
+  Slot stack_buf[64];
+  std::unique_ptr<Slot[]> heap;
+  Slot* stack = stack_buf;
+  if (program.stack_depth > std::size(stack_buf)) {
+    heap = std::make_unique<Slot[]>(program.stack_depth);
+    stack = heap.get();
+  }
+  size_t top = 0;
+  auto integer = [](const Slot& s) { return s.exact ? s.integer : integer_of(s.number); };
+  const std::vector<ExprStep>& steps = program.steps;
+  for (size_t pc = 0; pc < steps.size(); pc++) {
+    const ExprStep& step = steps[pc];
+    switch (step.op) {
+      case X_CONST:
+        stack[top++] = Slot{step.number, step.integer, true};
+        break;
+      case X_REF: {
+        double read;
+        if (!number_read_back(references[step.arg], &read)) return false;
+        stack[top++] = Slot{read, 0, false};
+        break;
+      }
+      case X_GROUP: {
+        Slot& s = stack[top - 1];
+        if (!number_read_back(s.number, &s.number)) return false;
+        s.exact = false;
+        break;
+      }
+      case X_NOT:
+      case X_BITNOT: {
+        Slot& s = stack[top - 1];
+        uint32_t v = integer(s);
+        v = step.op == X_NOT ? uint32_t(v == 0) : ~v;
+        s = Slot{double(v), v, true};
+        break;
+      }
+      case X_BINARY: {
+        Slot& a = stack[top - 2];
+        const Slot& b = stack[top - 1];
+        Op op = Op(step.arg);
+        if (bit(op) & kIntegerOps) {
+          uint32_t v = integer_operation(op, integer(a), integer(b));
+          a = Slot{double(v), v, true};
+        } else if (op >= OP_LT) {
+          uint32_t v = relation(op, a.number, b.number) ? 1 : 0;
+          a = Slot{double(v), v, true};
+        } else {
+          double r;
+          if (!arithmetic(op, a.number, b.number, r)) return false;  // division by zero
+          if (!number_read_back(r, &r)) return false;
+          a = Slot{r, 0, false};
+        }
+        top--;
+        break;
+      }
+      case X_JUMP_IF_ZERO:
+        top--;
+        if (stack[top].number == 0) pc = step.arg - 1;
+        break;
+      case X_JUMP:
+        pc = step.arg - 1;
+        break;
+    }
+  }
+  if (top != 1) return false;
+  *result = stack[0].number;
+  return true;
 }

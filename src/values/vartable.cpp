@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <cctype>
 
-#include "page/tokenizer.h"
-#include "runtime/level4.h"
 #include "base/nocase.h"
 
 namespace {
@@ -145,20 +143,11 @@ void vartable_remove(VarTable& table, std::string_view name) {
   }
 }
 
-TagHandler* vartable_find_for(VarTable& table, const ParsedTag& node) {
-  if (node.found_in != &table || node.found_version != table.version) {
-    node.found_in = &table;
-    node.found_version = table.version;
-    node.found_at = find_index(table, node.name);
-  }
-  return node.found_at < table.entries.size() ? &table.entries[node.found_at].entry : nullptr;
-}
-
 TagHandler make_variable_entry() {
   TagHandler entry;
   entry.kind = KIND_VARIABLE;
   entry.tag_class = 0;
-  entry.handler = level4_handler;
+  entry.handler = nullptr;  // the engine runs the Level 4 resolution for every variable
   entry.variable = value_new();
   return entry;
 }

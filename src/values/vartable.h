@@ -56,9 +56,6 @@ VarTablePtr vartable_copy(const VarTable& table);
 void vartable_set(VarTable& table, std::string_view name, TagHandler entry);
 TagHandler* vartable_find(VarTable& table, std::string_view name);
 const TagHandler* vartable_find(const VarTable& table, std::string_view name);
-// The entry for a tag node's name, remembering its position in the node
-// while the table does not change.
-TagHandler* vartable_find_for(VarTable& table, const ParsedTag& node);
 // The stored spelling of `name`, or null when absent.
 const std::string* vartable_stored_name(const VarTable& table, std::string_view name);
 void vartable_remove(VarTable& table, std::string_view name);

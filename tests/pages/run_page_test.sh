@@ -5,15 +5,19 @@
 # file runs without arguments), and compares standard output with NAME.out.
 # Timings in the statistics and the case's directory are masked so the
 # expected texts are stable.
+# A third argument "general" runs the page on the engine's general path
+# alone (CVML_GENERAL_PATH=1), which must print exactly the same.
 set -u
 cvml=$1
 page=$2
+mode=${3:-compiled}
 dir=$(cd "$(dirname "$page")" && pwd)
 base=${page%.cvm}
 name=$(basename "$page")
 expected=$base.out
 
 envs=(PATH=/usr/bin:/bin)
+[ "$mode" = general ] && envs+=(CVML_GENERAL_PATH=1)
 # The page runs in a cleared environment, but sanitizer settings from the
 # test command must still reach it.
 for var in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do

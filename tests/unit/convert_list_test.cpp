@@ -22,9 +22,11 @@ class ConvertListTest : public ::testing::Test {
   // Runs one tag through its handler; true when it reported an error.
   bool run(std::string_view text, ValuePtr (*handler)(const ParsedTag&)) {
     engine.stop = false;
-    Chain chain = tokenize_text(*engine.names, text, 1);
-    EXPECT_TRUE(chain.head() && chain.head()->is_tag);
-    handler(*chain.head());
+    Page page = tokenize_page(text, 1);
+    EXPECT_TRUE(page.size() > 0 && page.nodes[0].is_tag);
+    ParsedTag tag;
+    node_as_tag(page, 0, tag);
+    handler(tag);
     return engine.stop;
   }
   Value* var(std::string_view name) { return level4_resolve(name); }

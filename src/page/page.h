@@ -1,0 +1,143 @@
+// The compiled form of a page: its nodes in order, each tag's options split
+// once, block ends resolved once, tag names interned.
+//
+// A page (or an included page, or a piece of text processed on its own) is
+// cut into a Page once; the engine runs that form as often as it likes.  The
+// records are small and hold offsets into one byte arena, so a page of a
+// million small tags costs a few dozen bytes per tag.  Everything that is
+// worked out later and kept (compiled option values, name look-ups) is a
+// cache checked against what it depends on; the page never changes meaning.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "values/arithmetic.h"
+
+constexpr uint32_t kNoNode = UINT32_MAX;
+
+// Built-in tag names, known to the compiler so that block ends and tag
+// tests need no string comparison.  The order is the name table's.
+enum TagId : uint8_t {
+  TAG_OTHER = 0,
+  TAG_CLOSE_CVBINARY, TAG_CLOSE_CVDEBUG, TAG_CLOSE_CVDIRECT, TAG_CLOSE_CVELSE, TAG_CLOSE_CVELSEIF,
+  TAG_CLOSE_CVEXIT, TAG_CLOSE_CVFILE, TAG_CLOSE_CVFLUSH, TAG_CLOSE_CVFOR, TAG_CLOSE_CVHEADER,
+  TAG_CLOSE_CVIF, TAG_CLOSE_CVINCLUDE, TAG_CLOSE_CVLOCATION, TAG_CLOSE_CVMLMODE, TAG_CLOSE_CVQUERY,
+  TAG_CLOSE_CVRESTART, TAG_CLOSE_CVUNVAR, TAG_CLOSE_CVVAR, TAG_CLOSE_CVWEB, TAG_CLOSE_CVWHILE,
+  TAG_CV_API, TAG_CV_CONVERT, TAG_CV_LIST, TAG_CV_MATH, TAG_CV_ROWSEEK, TAG_CV_STR, TAG_CV_TIME,
+  TAG_CVBINARY, TAG_CVDEBUG, TAG_CVDIRECT, TAG_CVELSE, TAG_CVELSEIF, TAG_CVEXIT, TAG_CVFILE,
+  TAG_CVFLUSH, TAG_CVFOR, TAG_CVHEADER, TAG_CVIF, TAG_CVINCLUDE, TAG_CVLOCATION, TAG_CVMLMODE,
+  TAG_CVQUERY, TAG_CVRESTART, TAG_CVUNVAR, TAG_CVVAR, TAG_CVWEB, TAG_CVWHILE,
+  TAG_COUNT
+};
+
+// The canonical spelling of a built-in name ("CVIF"), indexed by TagId.
+extern const char* const kTagNames[TAG_COUNT];
+// The built-in id of a name, compared without regard to case; TAG_OTHER if none.
+TagId tag_id_of(std::string_view name);
+
+// A byte range of Page::bytes.
+struct Span {
+  uint32_t at = 0;
+  uint32_t size = 0;
+};
+
+struct Page;
+
+// How an option's name or value becomes its processed text.
+enum OptionForm : uint8_t {
+  FORM_LITERAL,    // no tag inside: the text is its own processed form
+  FORM_REFERENCES, // text and bare references to names ("<i> < 10"): see PageOption::refs
+  FORM_GENERAL,    // anything else: processed as a page of its own
+};
+
+struct PageOption {
+  Span name;
+  Span value;
+  mutable uint8_t name_form = FORM_LITERAL;
+  mutable uint8_t value_form = FORM_LITERAL;
+  // The processed forms of a name or value that holds tags, made on first use.
+  mutable std::unique_ptr<Page> name_page;
+  mutable std::unique_ptr<Page> value_page;
+  // The value read as an arithmetic expression over its references, made on
+  // first use (see option_program); `program_state` says whether it has been
+  // tried.
+  mutable std::unique_ptr<ExprProgram> program;
+  mutable uint8_t program_state = 0;  // 0 not tried, 1 none, 2 made
+};
+
+struct PageNode {
+  uint32_t line = 0;
+  // A text run: its bytes.  A tag: `span.at` is the name's index in
+  // Page::names, `span.size` unused.
+  Span span;
+  uint32_t first_option = 0;
+  uint32_t option_count = 0;
+  // The node a block tag goes to, resolved by the compiler (kNoNode when
+  // none): CVIF and CVELSEIF their next CVELSEIF, CVELSE or /CVIF at the same
+  // level; CVELSE its /CVIF; CVFOR, CVDIRECT and CVQUERY their closing tag;
+  // CVWHILE where it resumes when false on arrival.
+  uint32_t jump = kNoNode;
+  bool is_tag = false;
+  uint8_t tag = TAG_OTHER;
+  // Every option name and value is literal: the tag is its own processed form.
+  bool literal = true;
+};
+
+// Where the name of a node was last found in a name table: the table's
+// version (unique across all tables of the process) and the entry.
+struct NameLookup {
+  uint64_t version = 0;
+  void* entry = nullptr;
+};
+
+struct Page {
+  std::string bytes;               // text runs, option names and values
+  std::vector<std::string> names;  // tag names as written, each once
+  std::vector<PageNode> nodes;
+  std::vector<PageOption> options;
+  // Per name: the last look-up in the name table (a cache for the engine).
+  mutable std::vector<NameLookup> lookups;
+
+  std::string_view text(Span s) const { return std::string_view(bytes).substr(s.at, s.size); }
+  std::string_view node_text(uint32_t i) const { return text(nodes[i].span); }
+  const std::string& node_name(uint32_t i) const { return names[nodes[i].span.at]; }
+  const PageOption& option(uint32_t node, uint32_t k) const { return options[nodes[node].first_option + k]; }
+  uint32_t size() const { return static_cast<uint32_t>(nodes.size()); }
+};
+
+using PagePtr = std::shared_ptr<const Page>;
+
+// A tag written back as page text: "<" and the name, then for each option a
+// space, its name and, when the value is not empty, ="value"; then ">".  The
+// name is `stored` when given (the name table's spelling), else as written.
+void print_page_node(const Page& page, uint32_t node, const std::string* stored, std::string& out);
+
+// The option of a page node named `name` (case-insensitively, the first one
+// written), or null.
+const PageOption* page_option(const Page& page, uint32_t node, std::string_view name);
+
+// The tokenizer and the compiler (page/tokenizer.cpp, page/compiler.cpp).
+//
+// Cuts `text` into a page.  With `keep_option_tags` an inner tag used as a
+// whole option is kept as the option's name, otherwise a placeholder name;
+// `tag_start` marks the bytes that may begin a tag name.
+Page tokenize_page(std::string_view text, uint32_t first_line, bool keep_option_tags = true);
+// Tokenizes and compiles: block ends, built-in ids and option forms.
+PagePtr compile_page(std::string_view text, uint32_t first_line);
+// Resolves block ends and option forms of a tokenized page.
+void compile_nodes(Page& page);
+// The compiled page of an option's name or value text, made on first use.
+const Page& option_name_page(const Page& page, const PageOption& option, uint32_t line);
+const Page& option_value_page(const Page& page, const PageOption& option, uint32_t line);
+// The option value read as an expression over its references, or null when
+// it is not one the program form covers.
+const ExprProgram* option_program(const Page& page, const PageOption& option, uint32_t line);
+
+// True when a "<" followed by a tag-start byte occurs: text without one is
+// its own processed form.
+bool has_tag_start(std::string_view text);
+bool is_tag_start(unsigned char c);

@@ -1,0 +1,81 @@
+// Processed tags: option look-up, printing a pending value, printing a tag.
+#include "page/tag.h"
+
+#include "base/nocase.h"
+#include "page/page.h"
+#include "values/value.h"
+
+const TagOption* tag_option_entry(const ParsedTag& tag, std::string_view name) {
+  for (const TagOption& option : tag.options)
+    if (equals_nocase(option.name, name)) return &option;
+  return nullptr;
+}
+
+const std::string& option_text(const ParsedTag& tag, const TagOption& option) {
+  if (!option.pending) return option.value;
+  // The value's page holds text runs and references, in order.
+  const Page& page = *option.source->value_page;
+  std::string& out = option.value;
+  out.clear();
+  uint32_t ref = option.first_ref;
+  for (uint32_t i = 0; i < page.size(); i++) {
+    if (!page.nodes[i].is_tag) {
+      out.append(page.node_text(i));
+      continue;
+    }
+    const RefValue& r = tag.refs[ref++];
+    switch (r.kind) {
+      case RefValue::NUMBER: out += format_number(r.number); break;
+      case RefValue::INTEGER: out += format_integer(r.integer); break;
+      case RefValue::TEXT: out += r.text; break;
+    }
+  }
+  option.pending = false;
+  return out;
+}
+
+const std::string* tag_option(const ParsedTag& tag, std::string_view name) {
+  const TagOption* option = tag_option_entry(tag, name);
+  return option ? &option_text(tag, *option) : nullptr;
+}
+
+void print_tag(const ParsedTag& tag, const std::string* name, std::string& out) {
+  if (!tag.is_tag) {
+    out.append(tag.text);
+    return;
+  }
+  out.push_back('<');
+  out.append(name ? *name : tag.name);
+  for (const TagOption& option : tag.options) {
+    out.push_back(' ');
+    out.append(option.name);
+    const std::string& value = option_text(tag, option);
+    if (!value.empty()) {
+      out.append("=\"");
+      out.append(value);
+      out.push_back('"');
+    }
+  }
+  out.push_back('>');
+}
+
+void node_as_tag(const Page& page, uint32_t node, ParsedTag& out) {
+  const PageNode& n = page.nodes[node];
+  out.line = n.line;
+  out.is_tag = n.is_tag;
+  out.options.clear();
+  out.refs.clear();
+  if (!n.is_tag) {
+    out.text.assign(page.text(n.span));
+    out.name.clear();
+    return;
+  }
+  out.text.clear();
+  out.name = page.node_name(node);
+  for (uint32_t k = 0; k < n.option_count; k++) {
+    const PageOption& option = page.options[n.first_option + k];
+    TagOption& o = out.options.emplace_back();
+    o.name.assign(page.text(option.name));
+    o.value.assign(page.text(option.value));
+  }
+}
