@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "page/option_names.h"
 #include "page/page.h"
 
 namespace {
@@ -97,11 +98,14 @@ void compile_nodes(Page& page) {
     if (!node.is_tag) continue;
     node.tag = ids[node.span.at];
     node.literal = true;
+    node.names_literal = true;
     for (uint32_t k = 0; k < node.option_count; k++) {
       PageOption& option = page.options[node.first_option + k];
       option.name_form = has_tag_start(page.text(option.name)) ? FORM_GENERAL : FORM_LITERAL;
+      option.atom = option.name_form == FORM_LITERAL ? option_atom(page.text(option.name)) : kAtomUnknown;
       option.value_form = has_tag_start(page.text(option.value)) ? FORM_GENERAL : FORM_LITERAL;
       if (option.name_form != FORM_LITERAL || option.value_form != FORM_LITERAL) node.literal = false;
+      if (option.name_form != FORM_LITERAL) node.names_literal = false;
     }
   }
   resolve_conditionals(page);

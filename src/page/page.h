@@ -47,6 +47,13 @@ struct Span {
 
 struct Page;
 
+// Where the name of a node was last found in a name table: the table's
+// version (unique across all tables of the process) and the entry.
+struct NameLookup {
+  uint64_t version = 0;
+  void* entry = nullptr;
+};
+
 // How an option's name or value becomes its processed text.
 enum OptionForm : uint8_t {
   FORM_LITERAL,    // no tag inside: the text is its own processed form
@@ -57,6 +64,7 @@ enum OptionForm : uint8_t {
 struct PageOption {
   Span name;
   Span value;
+  uint16_t atom = 0xFFFF;  // the name's number (option_atom) when the name is literal
   mutable uint8_t name_form = FORM_LITERAL;
   mutable uint8_t value_form = FORM_LITERAL;
   // The processed forms of a name or value that holds tags, made on first use.
@@ -67,6 +75,10 @@ struct PageOption {
   // tried.
   mutable std::unique_ptr<ExprProgram> program;
   mutable uint8_t program_state = 0;  // 0 not tried, 1 none, 2 made
+  // A literal value that names a variable and nothing else ("i"): whether
+  // it does (0 not known, 1 no, 2 yes) and where the name was last found.
+  mutable uint8_t bare_name = 0;
+  mutable NameLookup variable;
 };
 
 struct PageNode {
@@ -85,13 +97,8 @@ struct PageNode {
   uint8_t tag = TAG_OTHER;
   // Every option name and value is literal: the tag is its own processed form.
   bool literal = true;
-};
-
-// Where the name of a node was last found in a name table: the table's
-// version (unique across all tables of the process) and the entry.
-struct NameLookup {
-  uint64_t version = 0;
-  void* entry = nullptr;
+  // Every option name is literal (values may hold tags).
+  bool names_literal = true;
 };
 
 struct Page {

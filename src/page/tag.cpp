@@ -5,9 +5,16 @@
 #include "page/page.h"
 #include "values/value.h"
 
-const TagOption* tag_option_entry(const ParsedTag& tag, std::string_view name) {
-  for (const TagOption& option : tag.options)
-    if (equals_nocase(option.name, name)) return &option;
+const TagOption* tag_option_entry(const ParsedTag& tag, OptionKey name) {
+  if (name.atom == 0) {
+    for (const TagOption& option : tag.options)
+      if (equals_nocase(option.name, name.text)) return &option;
+    return nullptr;
+  }
+  for (const TagOption& option : tag.options) {
+    if (option.atom == kAtomUnknown) option.atom = option_atom(option.name);
+    if (option.atom == name.atom) return &option;
+  }
   return nullptr;
 }
 
@@ -34,7 +41,7 @@ const std::string& option_text(const ParsedTag& tag, const TagOption& option) {
   return out;
 }
 
-const std::string* tag_option(const ParsedTag& tag, std::string_view name) {
+const std::string* tag_option(const ParsedTag& tag, OptionKey name) {
   const TagOption* option = tag_option_entry(tag, name);
   return option ? &option_text(tag, *option) : nullptr;
 }
@@ -76,6 +83,7 @@ void node_as_tag(const Page& page, uint32_t node, ParsedTag& out) {
     const PageOption& option = page.options[n.first_option + k];
     TagOption& o = out.options.emplace_back();
     o.name.assign(page.text(option.name));
+    o.atom = option.atom;
     o.value.assign(page.text(option.value));
   }
 }

@@ -7,10 +7,13 @@
 // that needs the value as a number uses the numbers instead).
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "page/option_names.h"
 
 struct Page;
 struct PageOption;
@@ -27,6 +30,7 @@ struct RefValue {
 
 struct TagOption {
   std::string name;
+  mutable uint16_t atom = kAtomUnknown;  // the name's number (option_atom), worked out on first use
   // The processed value; while `pending`, still to be printed from the
   // references (see tag_option).
   mutable std::string value;
@@ -50,8 +54,22 @@ struct ParsedTag {
 
 // The option's value: empty for a blank option, null when absent.  Options
 // are matched by name without regard to case; the first one written wins.
-const std::string* tag_option(const ParsedTag& tag, std::string_view name);
-const TagOption* tag_option_entry(const ParsedTag& tag, std::string_view name);
+const std::string* tag_option(const ParsedTag& tag, OptionKey name);
+const TagOption* tag_option_entry(const ParsedTag& tag, OptionKey name);
+// The same for a name known only when the program runs (a literal name goes
+// to the forms above).
+template <typename Name>
+  requires std::same_as<Name, std::string_view> || std::same_as<Name, std::string> ||
+           std::same_as<Name, const char*> || std::same_as<Name, char*>
+const std::string* tag_option(const ParsedTag& tag, const Name& name) {
+  return tag_option(tag, OptionKey::named(name));
+}
+template <typename Name>
+  requires std::same_as<Name, std::string_view> || std::same_as<Name, std::string> ||
+           std::same_as<Name, const char*> || std::same_as<Name, char*>
+const TagOption* tag_option_entry(const ParsedTag& tag, const Name& name) {
+  return tag_option_entry(tag, OptionKey::named(name));
+}
 // Prints a pending value.
 const std::string& option_text(const ParsedTag& tag, const TagOption& option);
 

@@ -1,5 +1,6 @@
 // The built-in rows of the name table.
 #include "db/cvquery.h"
+#include "runtime/execute.h"
 #include "runtime/run.h"
 #include "runtime/output.h"
 #include "runtime/report.h"
@@ -75,6 +76,18 @@ const BuiltinRow kBuiltinRows[] = {
     {"CVWHILE", CLASS_STATEMENT, cvwhile_handler},
 };
 
+struct FastRow {
+  uint8_t tag;
+  FastHandlerFn fast;
+};
+
+// Built-in tags with a fast handler beside their handler.
+const FastRow kFastRows[] = {
+    {TAG_CVIF, cvif_fast},         {TAG_CVELSEIF, cvelseif_fast},       {TAG_CVELSE, cvelse_fast},
+    {TAG_CLOSE_CVIF, cvif_close_fast}, {TAG_CVFOR, cvfor_fast},         {TAG_CLOSE_CVFOR, cvfor_close_fast},
+    {TAG_CVWHILE, cvwhile_fast},   {TAG_CLOSE_CVWHILE, cvwhile_close_fast}, {TAG_CVVAR, cvvar_fast},
+};
+
 }  // namespace
 
 bool tag_table_init() {
@@ -90,5 +103,6 @@ bool tag_table_init() {
     set_builtin_entry(tag_id_of(row.name), entry);
     vartable_set(table, row.name, std::move(entry));
   }
+  for (const FastRow& row : kFastRows) set_fast_handler(row.tag, row.fast);
   return true;
 }

@@ -3,7 +3,9 @@
 // compiled programs over those numbers.
 #include "runtime/execute.h"
 
+#include "base/nocase.h"
 #include "runtime/expression.h"
+#include "runtime/level4.h"
 
 namespace {
 
@@ -104,7 +106,7 @@ bool print_variable(const TagHandler& entry, std::string_view name, std::string&
   return true;
 }
 
-ValuePtr option_evaluate(const ParsedTag& tag, std::string_view name) {
+ValuePtr option_evaluate(const ParsedTag& tag, OptionKey name) {
   const TagOption* option = tag_option_entry(tag, name);
   if (!option) return nullptr;
   if (option->source && !general_path_only && !decimal_mode &&
@@ -130,4 +132,194 @@ ValuePtr option_evaluate(const ParsedTag& tag, std::string_view name) {
     }
   }
   return expr_evaluate(option_text(tag, *option));
+}
+
+namespace {
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+// A name that the Level 4 resolution reads as a tag of that name with no
+// options, and that may name a variable.
+bool is_bare_variable_name(std::string_view text) {
+  if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0])) || text[0] == '/') return false;
+  if (text.size() >= 2 && (text[0] == 'C' || text[0] == 'c') && (text[1] == 'V' || text[1] == 'v')) return false;
+  for (char c : text)
+    if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
+  return true;
+}
+
+std::string_view trimmed_front(std::string_view text) {
+  size_t skip = 0;
+  while (skip < text.size() && is_space(text[skip])) skip++;
+  return text.substr(skip);
+}
+
+}  // namespace
+
+Value* option_variable(const ParsedTag& tag, const TagOption& option) {
+  const PageOption* source = option.source;
+  if (!general_path_only && source && source->value_form == FORM_LITERAL) {
+    std::string_view name = trimmed_front(option.page->text(source->value));
+    if (source->bare_name == 0) source->bare_name = is_bare_variable_name(name) ? 2 : 1;
+    if (source->bare_name == 2) {
+      // The value is for writing: a table still shared with an including
+      // page is copied first, as the resolution does.
+      VarTable& table = names_for_write();
+      NameLookup& memo = source->variable;
+      if (memo.version != table.version) {
+        memo.version = table.version;
+        memo.entry = vartable_find(table, name);
+      }
+      const TagHandler* entry = static_cast<const TagHandler*>(memo.entry);
+      if (entry && entry->kind == KIND_VARIABLE && entry->variable) {
+        if (Value* v = touch_variable(*entry, name)) return v;
+      }
+    }
+  }
+  return level4_resolve(option_text(tag, option));
+}
+
+// ---------------------------------------------------------------------------
+// Fast handlers
+
+namespace {
+FastHandlerFn fast_handlers[TAG_COUNT];
+}
+
+void set_fast_handler(uint8_t tag, FastHandlerFn handler) {
+  if (tag < TAG_COUNT) fast_handlers[tag] = handler;
+}
+
+FastHandlerFn fast_handler(uint8_t tag) { return tag < TAG_COUNT ? fast_handlers[tag] : nullptr; }
+
+bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
+  const PageNode& n = page.nodes[node];
+  if (!n.names_literal || n.option_count > FastArgs::kMaxOptions) return false;
+  args.page = &page;
+  args.node = node;
+  args.count = n.option_count;
+  uint32_t total = 0;
+  for (uint32_t k = 0; k < n.option_count; k++) {
+    const PageOption& option = page.options[n.first_option + k];
+    args.ref_first[k] = total;
+    if (option.value_form == FORM_LITERAL) continue;
+    const Page& value = option_value_page(page, option, n.line);
+    if (option.value_form != FORM_REFERENCES) return false;
+    for (const PageNode& ref : value.nodes) {
+      if (!ref.is_tag) continue;
+      const TagHandler* entry = find_page_name(value, ref.span.at);
+      if (!entry || entry->kind != KIND_VARIABLE || !entry->variable || !is_scalar(entry->variable->type) ||
+          total == FastArgs::kMaxRefs)
+        return false;
+      total++;
+    }
+  }
+  args.ref_first[n.option_count] = total;
+  if (engine.tag_limit && engine.tags_processed + total > engine.tag_limit) return false;
+  // Referring to the variables, as processing the values would.
+  uint32_t at = 0;
+  for (uint32_t k = 0; k < n.option_count && at < total; k++) {
+    const PageOption& option = page.options[n.first_option + k];
+    if (option.value_form == FORM_LITERAL) continue;
+    const Page& value = *option.value_page;
+    for (const PageNode& ref : value.nodes) {
+      if (!ref.is_tag) continue;
+      const TagHandler* entry = find_page_name(value, ref.span.at);
+      Value* v = entry ? touch_variable(*entry, value.names[ref.span.at]) : nullptr;
+      if (!v) return false;  // not reached: the look-up succeeded above
+      args.refs[at++] = v;
+    }
+  }
+  engine.tags_processed += total;
+  return true;
+}
+
+int fast_option(const FastArgs& args, OptionKey name) {
+  const PageOption* options = &args.page->options[args.page->nodes[args.node].first_option];
+  for (uint32_t k = 0; k < args.count; k++) {
+    if (name.atom ? options[k].atom == name.atom
+                  : equals_nocase(args.page->text(options[k].name), name.text))
+      return int(k);
+  }
+  return -1;
+}
+
+bool fast_number(const FastArgs& args, int option, double* out) {
+  if (option < 0 || decimal_mode) return false;
+  const Page& page = *args.page;
+  const PageNode& n = page.nodes[args.node];
+  const PageOption& o = page.options[n.first_option + option];
+  const ExprProgram* program = option_program(page, o, n.line);
+  uint32_t first = args.ref_first[option], count = args.ref_first[option + 1] - first;
+  if (!program || program->references != count) return false;
+  double numbers[FastArgs::kMaxRefs];
+  for (uint32_t k = 0; k < count; k++) {
+    const Value* v = args.refs[first + k];
+    if (v->type == VT_NUMBER)
+      numbers[k] = v->number;
+    else if (v->type == VT_INTEGER)
+      numbers[k] = v->integer;
+    else
+      return false;
+  }
+  if (!expr_run(*program, numbers, out)) return false;
+  eval_status = EVAL_OK;
+  return true;
+}
+
+Value* fast_variable(const FastArgs& args, int option) {
+  if (option < 0) return nullptr;
+  const Page& page = *args.page;
+  const PageOption& o = page.options[page.nodes[args.node].first_option + option];
+  if (o.value_form != FORM_LITERAL) return nullptr;
+  std::string_view name = trimmed_front(page.text(o.value));
+  if (o.bare_name == 0) o.bare_name = is_bare_variable_name(name) ? 2 : 1;
+  if (o.bare_name != 2) return nullptr;
+  VarTable& table = names_for_write();
+  if (o.variable.version != table.version) {
+    o.variable.version = table.version;
+    o.variable.entry = vartable_find(table, name);
+  }
+  const TagHandler* entry = static_cast<const TagHandler*>(o.variable.entry);
+  if (!entry || entry->kind != KIND_VARIABLE || !entry->variable) return nullptr;
+  return touch_variable(*entry, name);
+}
+
+void fast_to_tag(const FastArgs& args, ParsedTag& tag) {
+  const Page& page = *args.page;
+  const PageNode& n = page.nodes[args.node];
+  tag.line = n.line;
+  tag.is_tag = true;
+  tag.name = page.node_name(args.node);
+  tag.options.clear();
+  tag.refs.clear();
+  for (uint32_t k = 0; k < args.count; k++) {
+    const PageOption& option = page.options[n.first_option + k];
+    TagOption& done = tag.options.emplace_back();
+    done.name.assign(page.text(option.name));
+    done.atom = option.atom;
+    done.source = &option;
+    done.page = &page;
+    if (option.value_form == FORM_LITERAL) {
+      done.value.assign(page.text(option.value));
+      continue;
+    }
+    done.first_ref = static_cast<uint32_t>(tag.refs.size());
+    done.ref_count = args.ref_first[k + 1] - args.ref_first[k];
+    done.pending = true;
+    for (uint32_t r = args.ref_first[k]; r < args.ref_first[k + 1]; r++) {
+      const Value* v = args.refs[r];
+      RefValue& ref = tag.refs.emplace_back();
+      if (v->type == VT_NUMBER) {
+        ref.kind = RefValue::NUMBER;
+        ref.number = v->number;
+      } else if (v->type == VT_INTEGER) {
+        ref.kind = RefValue::INTEGER;
+        ref.integer = v->integer;
+      } else {
+        ref.kind = RefValue::TEXT;
+        ref.text = v->type == VT_STRING ? v->bytes : std::string();
+      }
+    }
+  }
 }

@@ -18,3 +18,46 @@ bool take_references(const Page& value, ParsedTag& tag, TagOption& option);
 // The output of a variable tag without options, when its value is a scalar
 // (what the Level 4 handler would print); false otherwise.
 bool print_variable(const TagHandler& entry, std::string_view name, std::string& out);
+// The variable a "var"-style option names (Level 4 resolution of its
+// text), through a remembered look-up when the option is a literal bare
+// name; null after the resolution's diagnostic.  The option must be present.
+Value* option_variable(const ParsedTag& tag, const TagOption& option);
+
+// ---------------------------------------------------------------------------
+// Fast handlers
+//
+// A built-in tag may have a fast handler beside its handler.  It runs on
+// the tag's options as the compiled path processes them, without printing
+// them (FastArgs), and either does all the handler would do or declines
+// before changing anything; the handler then runs on the same processed
+// options.  Fast handlers never report: every error goes to the handler.
+
+struct FastArgs {
+  static constexpr uint32_t kMaxOptions = 8;
+  static constexpr uint32_t kMaxRefs = 16;
+  const Page* page = nullptr;
+  uint32_t node = 0;
+  uint32_t count = 0;
+  uint32_t ref_first[kMaxOptions + 1] = {};   // per option, its first reference
+  const Value* refs[kMaxRefs] = {};           // the referenced variables' values
+};
+
+// True when the fast handler did the handler's work; false when it
+// declined, having changed nothing.
+using FastHandlerFn = bool (*)(FastArgs& args);
+void set_fast_handler(uint8_t tag, FastHandlerFn handler);
+FastHandlerFn fast_handler(uint8_t tag);
+
+// Processes a node's options without printing them: names literal, values
+// literal or references to variables holding scalars.  False, with nothing
+// changed, for any other option.
+bool fast_options(const Page& page, uint32_t node, FastArgs& args);
+// The index of the first option with that name, or -1.
+int fast_option(const FastArgs& args, OptionKey name);
+// An option's value as an expression's number, when it can be computed
+// from its references' numbers (floating-point mode only).
+bool fast_number(const FastArgs& args, int option, double* out);
+// The variable a literal bare-name option names, when it exists.
+Value* fast_variable(const FastArgs& args, int option);
+// The processed tag the handler gets, as the options were processed.
+void fast_to_tag(const FastArgs& args, ParsedTag& tag);

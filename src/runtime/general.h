@@ -22,5 +22,3 @@ uint32_t walk_block_jump(const Page& page, uint32_t node);
 // Contexts of processed texts are kept when they end and reused.
 std::unique_ptr<PageContext> new_text_context(const PageContext* parent);
 void keep_text_context(std::unique_ptr<PageContext> ctx);
-// One node's output; false for an internal failure (runtime/loop.cpp).
-bool process_node(const Page& page, uint32_t index, std::string& out);

@@ -145,10 +145,12 @@ void process_options(const Page& page, uint32_t index, ParsedTag& tag) {
     TagOption& done = tag.options.emplace_back();
     done.source = &option;
     done.page = &page;
-    if (option.name_form == FORM_LITERAL)
+    if (option.name_form == FORM_LITERAL) {
       done.name.assign(page.text(option.name));
-    else
+      done.atom = option.atom;
+    } else {
       done.name = process_page_text(option_name_page(page, option, node.line));
+    }
     if (engine.abandon) {
       tag.options.pop_back();
       break;
@@ -200,6 +202,18 @@ bool process_node(const Page& page, uint32_t index, std::string& out) {
   if (++engine.tags_processed > engine.tag_limit && engine.tag_limit) {
     engine.stop = true;
     return true;
+  }
+  if (!general_path_only) {
+    if (FastHandlerFn fast = fast_handler(node.tag)) {
+      FastArgs args;
+      if (fast_options(page, index, args)) {
+        if (fast(args)) return true;
+        ScratchTag scratch_tag;
+        fast_to_tag(args, scratch_tag.tag);
+        dispatch(page, index, scratch_tag.tag, out);
+        return true;
+      }
+    }
   }
   ScratchTag scratch_tag;
   ParsedTag& tag = scratch_tag.tag;

@@ -124,6 +124,8 @@ uint32_t block_jump(const PageContext& ctx, uint32_t node);
 
 // The main loop over every context.
 void run_pages();
+// The output of one node of a page; false for an internal failure.
+bool process_node(const Page& page, uint32_t index, std::string& out);
 // Processes the current node of the current context and advances it; the
 // output goes to `out`, not to the body.  False for an internal failure.
 bool process_current_node(std::string& out);
@@ -144,7 +146,7 @@ bool run_block_captured(void (*capture)(), std::string* captured);
 // An option of the processed tag evaluated as an expression (see
 // expr_evaluate); null when the tag has no such option.  Values the compiled
 // path left unprinted are computed from their references' numbers.
-ValuePtr option_evaluate(const ParsedTag& tag, std::string_view name);
+ValuePtr option_evaluate(const ParsedTag& tag, OptionKey name);
 
 // A tag or a page node printed back as page text, with the name table's
 // spelling of its name when the name is in the table.

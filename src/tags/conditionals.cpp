@@ -6,6 +6,7 @@
 
 #include "runtime/run.h"
 #include "runtime/report.h"
+#include "runtime/execute.h"
 #include "runtime/expression.h"
 
 namespace {
@@ -39,9 +40,38 @@ uint32_t closing_cvif(const PageContext& ctx, uint32_t from) {
   return n;
 }
 
-// Runs the branch of a CVIF, or of a CVELSEIF whose turn has come: a true
-// condition remembers the /CVIF on the stack and runs on into the branch; a
-// false one moves to the next branch tag.
+// Moves on from a branch tag whose condition has been evaluated: a true one
+// remembers the /CVIF on the stack and runs on into the branch; a false one
+// moves to the next branch tag.  False, changing nothing, when the
+// structure has no /CVIF.
+bool branch_move(PageContext* ctx, bool truth) {
+  uint32_t here = ctx->current;
+  if (truth) {
+    uint32_t end = closing_cvif(*ctx, here);
+    if (end == kNoNode) return false;
+    ctx->tag_stack.push_back(end);
+    return true;
+  }
+  uint32_t next = block_jump(*ctx, here);
+  if (next == kNoNode) return false;
+  if (node_is(*ctx, next, TAG_CLOSE_CVIF)) {
+    // Resume after the /CVIF; its handler does not run.
+    ctx->current = next;
+    return true;
+  }
+  // The next CVELSEIF or CVELSE runs next and finds this tag on the stack.
+  ctx->tag_stack.push_back(here);
+  ctx->stay = true;
+  ctx->current = next;
+  return true;
+}
+
+// Whether branch_move would find its way.
+bool branch_can_move(const PageContext& ctx, bool truth) {
+  return (truth ? closing_cvif(ctx, ctx.current) : block_jump(ctx, ctx.current)) != kNoNode;
+}
+
+// Runs the branch of a CVIF, or of a CVELSEIF whose turn has come.
 void evaluate_branch(const ParsedTag& tag) {
   PageContext* ctx = current_context();
   const std::string* condition = tag_option(tag, "condition");
@@ -59,30 +89,16 @@ void evaluate_branch(const ParsedTag& tag) {
     report_error(tag, tag.name + " requires the 'condition' option to be either a blank string or a number.");
     return;
   }
-  uint32_t here = ctx->current;
-  if (truth) {
-    uint32_t end = closing_cvif(*ctx, here);
-    if (end == kNoNode) {
-      report_error(tag, tag.name + " requires a closing </CVIF> tag.  </CVIF> tag not found.");
-      return;
-    }
-    ctx->tag_stack.push_back(end);
-    return;
-  }
-  uint32_t next = block_jump(*ctx, here);
-  if (next == kNoNode) {
+  if (!branch_move(ctx, truth))
     report_error(tag, tag.name + " requires a closing </CVIF> tag.  </CVIF> tag not found.");
-    return;
-  }
-  if (node_is(*ctx, next, TAG_CLOSE_CVIF)) {
-    // Resume after the /CVIF; its handler does not run.
-    ctx->current = next;
-    return;
-  }
-  // The next CVELSEIF or CVELSE runs next and finds this tag on the stack.
-  ctx->tag_stack.push_back(here);
-  ctx->stay = true;
-  ctx->current = next;
+}
+
+// A branch's condition worked out on the fast path.
+bool fast_truth(const FastArgs& args, bool* truth) {
+  double n;
+  if (!fast_number(args, fast_option(args, "condition"), &n)) return false;
+  *truth = !(n > -0.000001 && n < 0.000001);
+  return true;
 }
 
 // What the top of the stack says about a CVELSEIF or CVELSE.
@@ -164,6 +180,53 @@ ValuePtr cvelse_handler(const ParsedTag& tag) {
     }
   }
   return value_new();
+}
+
+bool cvif_fast(FastArgs& args) {
+  bool truth;
+  return fast_truth(args, &truth) && branch_move(current_context(), truth);
+}
+
+bool cvelseif_fast(FastArgs& args) {
+  PageContext* ctx = current_context();
+  switch (stack_top_kind(*ctx)) {
+    case TopKind::kTakenBranch:
+      leave_structure(ctx);
+      return true;
+    case TopKind::kUntakenBranch: {
+      bool truth;
+      if (!fast_truth(args, &truth) || !branch_can_move(*ctx, truth)) return false;
+      ctx->tag_stack.pop_back();
+      return branch_move(ctx, truth);
+    }
+    default:
+      return false;
+  }
+}
+
+bool cvelse_fast(FastArgs&) {
+  PageContext* ctx = current_context();
+  switch (stack_top_kind(*ctx)) {
+    case TopKind::kTakenBranch:
+      leave_structure(ctx);
+      return true;
+    case TopKind::kUntakenBranch: {
+      uint32_t end = closing_cvif(*ctx, ctx->current);
+      if (end == kNoNode) return false;
+      ctx->tag_stack.pop_back();
+      ctx->tag_stack.push_back(end);
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
+bool cvif_close_fast(FastArgs&) {
+  PageContext* ctx = current_context();
+  if (ctx->tag_stack.empty() || !node_is(*ctx, ctx->tag_stack.back(), TAG_CLOSE_CVIF)) return false;
+  ctx->tag_stack.pop_back();
+  return true;
 }
 
 // </CVIF>: the taken branch ended without meeting another branch tag.

@@ -7,6 +7,7 @@
 #include "runtime/run.h"
 #include "runtime/report.h"
 #include "runtime/expression.h"
+#include "runtime/execute.h"
 #include "runtime/level4.h"
 
 namespace {
@@ -42,7 +43,7 @@ bool condition_truth(const ParsedTag& tag, bool* numeric) {
 
 // Evaluates a numeric option ("initial", "increment"); null when the result
 // is not a number.
-ValuePtr numeric_option(const ParsedTag& tag, std::string_view name) {
+ValuePtr numeric_option(const ParsedTag& tag, OptionKey name) {
   ValuePtr result = option_evaluate(tag, name);
   if (!result || !value_is_numeric(*result)) return nullptr;
   return result;
@@ -92,7 +93,7 @@ ValuePtr step_value(const Value& current, const Value* increment) {
 
 // First arrival: initialise the variable, find the /CVFOR and stack it
 // twice, so the tag is processed again at once in the test phase.
-void cvfor_start(const ParsedTag& tag, PageContext* ctx, const std::string& var_name) {
+void cvfor_start(const ParsedTag& tag, PageContext* ctx, const TagOption& var_name) {
   bool initial = tag_option_entry(tag, "initial") != nullptr;
   ValuePtr start = initial ? numeric_option(tag, "initial") : nullptr;
   if (initial && !start) {
@@ -100,7 +101,7 @@ void cvfor_start(const ParsedTag& tag, PageContext* ctx, const std::string& var_
     return;
   }
   // Resolved again after the evaluation, which may have touched the table.
-  Value* var = level4_resolve(var_name);
+  Value* var = option_variable(tag, var_name);
   if (!var) {
     report_error(tag, kForNoVariable);
     return;
@@ -140,7 +141,7 @@ void cvfor_test(const ParsedTag& tag, PageContext* ctx) {
 }
 
 // Returned to from the /CVFOR: add the increment, then test again.
-void cvfor_step(const ParsedTag& tag, PageContext* ctx, const std::string& var_name) {
+void cvfor_step(const ParsedTag& tag, PageContext* ctx, const TagOption& var_name) {
   ValuePtr increment;
   if (tag_option_entry(tag, "increment")) {
     increment = numeric_option(tag, "increment");
@@ -150,7 +151,7 @@ void cvfor_step(const ParsedTag& tag, PageContext* ctx, const std::string& var_n
     }
   }
   // Resolved again after the evaluation, which may have touched the table.
-  Value* var = level4_resolve(var_name);
+  Value* var = option_variable(tag, var_name);
   if (!var) {
     report_error(tag, kForNoVariable);
     return;
@@ -172,7 +173,7 @@ void cvfor_step(const ParsedTag& tag, PageContext* ctx, const std::string& var_n
 // The phase is read from the top two stack entries: start, test or step.
 ValuePtr cvfor_handler(const ParsedTag& tag) {
   PageContext* ctx = current_context();
-  const std::string* var_name = tag_option(tag, "var");
+  const TagOption* var_name = tag_option_entry(tag, "var");
   if (!var_name) {
     report_error(tag, option_required_message("CVFOR", "var"));
     return value_new();
@@ -181,7 +182,7 @@ ValuePtr cvfor_handler(const ParsedTag& tag) {
     report_error(tag, option_required_message("CVFOR", "condition"));
     return value_new();
   }
-  if (!level4_resolve(*var_name)) {
+  if (!option_variable(tag, *var_name)) {
     report_error(tag, kForNoVariable);
     return value_new();
   }
@@ -246,3 +247,78 @@ ValuePtr cvwhile_close_handler(const ParsedTag& tag) {
   if (!return_to_opening(TAG_CVWHILE)) report_error(tag, kWhileCloseNotOnTop);
   return value_new();
 }
+
+// ---------------------------------------------------------------------------
+// Fast handlers
+
+bool cvfor_fast(FastArgs& args) {
+  int var = fast_option(args, "var");
+  int condition = fast_option(args, "condition");
+  if (var < 0 || condition < 0) return false;
+  PageContext* ctx = current_context();
+  const auto& stack = ctx->tag_stack;
+  size_t depth = stack.size();
+  bool top_is_close = depth >= 1 && node_is(*ctx, stack[depth - 1], TAG_CLOSE_CVFOR);
+  bool second_is_close = depth >= 2 && node_is(*ctx, stack[depth - 2], TAG_CLOSE_CVFOR);
+  if (!top_is_close) return false;  // the start: once per loop, on the handler
+
+  if (second_is_close) {
+    double n;
+    if (!fast_number(args, condition, &n) || !fast_variable(args, var)) return false;
+    uint32_t self = ctx->current;
+    if (n > -0.000001 && n < 0.000001) {
+      tag_stack_return();
+      tag_stack_return();
+      ctx->stay = false;
+      return true;
+    }
+    tag_stack_return();
+    ctx->stay = false;
+    ctx->current = self;
+    ctx->tag_stack.back() = self;
+    return true;
+  }
+
+  // The step, then the test the loop would process this tag again for.
+  int increment = fast_option(args, "increment");
+  double step = 1;
+  if (increment >= 0 && !fast_number(args, increment, &step)) return false;
+  Value* v = fast_variable(args, var);
+  if (!v || (v->type != VT_NUMBER && v->type != VT_INTEGER)) return false;
+  double base = v->type == VT_NUMBER ? v->number : v->integer;
+  value_set_number(v, base + step);
+  ctx->tag_stack.push_back(ctx->tag_stack.back());
+  // What the loop does next: stay on this tag and process it again.
+  ctx->stay = false;
+  std::string out;
+  process_node(*args.page, args.node, out);
+  return true;
+}
+
+bool cvfor_close_fast(FastArgs&) { return return_to_opening(TAG_CVFOR); }
+
+bool cvwhile_fast(FastArgs& args) {
+  double n;
+  if (!fast_number(args, fast_option(args, "condition"), &n)) return false;
+  bool truth = !(n > -0.000001 && n < 0.000001);
+  PageContext* ctx = current_context();
+  bool returned = !ctx->tag_stack.empty() && node_is(*ctx, ctx->tag_stack.back(), TAG_CLOSE_CVWHILE);
+  if (truth) {
+    if (returned)
+      ctx->tag_stack.back() = ctx->current;
+    else
+      ctx->tag_stack.push_back(ctx->current);
+    return true;
+  }
+  if (returned) {
+    tag_stack_return();
+    ctx->stay = false;
+    return true;
+  }
+  uint32_t target = block_jump(*ctx, ctx->current);
+  if (target == kNoNode) return false;
+  ctx->current = target;
+  return true;
+}
+
+bool cvwhile_close_fast(FastArgs&) { return return_to_opening(TAG_CVWHILE); }

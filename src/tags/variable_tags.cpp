@@ -8,6 +8,7 @@
 #include "runtime/output.h"
 #include "runtime/report.h"
 #include "runtime/expression.h"
+#include "runtime/execute.h"
 #include "runtime/level4.h"
 
 namespace {
@@ -74,13 +75,13 @@ ValuePtr direct_processed(const ParsedTag& tag, const std::string& var) {
 
 // <CVVAR var=reference [value=expression]>
 ValuePtr cvvar_handler(const ParsedTag& tag) {
-  const std::string* var = tag_option(tag, "var");
+  const TagOption* var = tag_option_entry(tag, "var");
   if (!var) {
     report_error(tag, option_required_message("CVVAR", "var"));
     return value_new();
   }
   ValuePtr result = option_evaluate(tag, "value");
-  Value* v = level4_resolve(*var);
+  Value* v = option_variable(tag, *var);
   if (!v) {
     report_error(tag, not_obtained("CVVAR"));
     return value_new();
@@ -179,4 +180,17 @@ ValuePtr cvdirect_close_handler(const ParsedTag& tag) {
   }
   ctx->tag_stack.back() = ctx->current;
   return value_new();
+}
+
+// <CVVAR var=name value=arithmetic>, on the fast path.
+bool cvvar_fast(FastArgs& args) {
+  int var = fast_option(args, "var");
+  if (var < 0) return false;
+  int value = fast_option(args, "value");
+  double number = 0;
+  if (value >= 0 && !fast_number(args, value, &number)) return false;
+  Value* v = fast_variable(args, var);
+  if (!v) return false;
+  if (value >= 0) value_set_number(v, number);
+  return true;
 }

@@ -10,3 +10,7 @@ ValuePtr cvunvar_handler(const ParsedTag& tag);
 ValuePtr cvbinary_handler(const ParsedTag& tag);
 ValuePtr cvdirect_handler(const ParsedTag& tag);
 ValuePtr cvdirect_close_handler(const ParsedTag& tag);
+
+// Fast handler (see runtime/execute.h).
+struct FastArgs;
+bool cvvar_fast(FastArgs& args);

@@ -234,6 +234,56 @@ void add_hash_row(Value& hash, std::string key, ValuePtr value) {
 
 // ----------------------------------------------------------- construction
 
+// ---------------------------------------------------------------------------
+// Records
+
+namespace {
+
+// Freed records kept for reuse, up to a bound, so that a page that drops a
+// large list returns its memory.  Builds with AddressSanitizer use the
+// ordinary allocator, which it watches.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr size_t kMaxSpareValues = 0;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr size_t kMaxSpareValues = 0;
+#else
+constexpr size_t kMaxSpareValues = 4096;
+#endif
+#else
+constexpr size_t kMaxSpareValues = 4096;
+#endif
+
+struct SpareValue {
+  SpareValue* next;
+};
+SpareValue* spare_values = nullptr;
+size_t spare_count = 0;
+
+}  // namespace
+
+void* Value::operator new(size_t size) {
+  if (spare_values && size == sizeof(Value)) {
+    SpareValue* v = spare_values;
+    spare_values = v->next;
+    --spare_count;
+    return v;
+  }
+  return ::operator new(size);
+}
+
+void Value::operator delete(void* p, size_t size) {
+  if (!p) return;
+  if (size == sizeof(Value) && spare_count < kMaxSpareValues) {
+    SpareValue* v = static_cast<SpareValue*>(p);
+    v->next = spare_values;
+    spare_values = v;
+    ++spare_count;
+    return;
+  }
+  ::operator delete(p);
+}
+
 ValuePtr value_new() { return std::make_unique<Value>(); }
 
 void value_free(ValuePtr v) { v.reset(); }
@@ -278,6 +328,20 @@ Value::~Value() {
     pending.pop_back();
     take_children(*v, pending);
   }
+}
+
+void value_set_number(Value* dest, double d) {
+  if (dest->type == VT_EMPTY || dest->type == VT_INTEGER || dest->type == VT_NUMBER) {
+    dest->type = VT_NUMBER;
+    dest->integer = 0;
+    dest->number = d;
+    dest->derived.reset();
+    return;
+  }
+  Value number;
+  number.type = VT_NUMBER;
+  number.number = d;
+  value_assign(dest, &number);
 }
 
 void value_clear(Value& v) {

@@ -58,6 +58,10 @@ struct Value {
 
   Value() = default;
   Value(Value&&) = default;
+  // Records come from a free list: a page makes and drops values on every
+  // pass of a loop.
+  static void* operator new(size_t size);
+  static void operator delete(void* p, size_t size);
   Value& operator=(Value&&) = default;
   // Takes nested values apart with a work list rather than by recursion,
   // so a value nested any depth is freed without exhausting the stack.
@@ -78,6 +82,8 @@ ValuePtr value_copy(const Value& v);
 // Copies `src` into `dest`; a destination string with a selected range
 // has only that range replaced.  Returns false for null arguments.
 bool value_assign(Value* dest, const Value* src);
+// value_assign of a floating-point number, without making a value for it.
+void value_set_number(Value* dest, double d);
 // Releases the payload and derived value and makes the value empty.
 void value_clear(Value& v);
 
