@@ -16,6 +16,10 @@ namespace {
 // page (the resolution makes its own copy first).
 Value* touch_variable(const TagHandler& entry, std::string_view name) {
   Value* v = entry.variable.get();
+  if (v->type == VT_NUMBER || v->type == VT_INTEGER) {
+    v->derived.reset();
+    return v;
+  }
   if (v->type == VT_STRING && (v->start != 0 || v->end != v->bytes.size())) {
     if (engine.names.use_count() > 1) {
       TagHandler* own = vartable_find(names_for_write(), name);
@@ -198,12 +202,17 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
   args.page = &page;
   args.node = node;
   args.count = n.option_count;
+  if (n.literal) {
+    for (uint32_t k = 0; k <= n.option_count; k++) args.ref_first[k] = 0;
+    return true;
+  }
+  const TagHandler* entries[FastArgs::kMaxRefs];
   uint32_t total = 0;
   for (uint32_t k = 0; k < n.option_count; k++) {
     const PageOption& option = page.options[n.first_option + k];
     args.ref_first[k] = total;
     if (option.value_form == FORM_LITERAL) continue;
-    const Page& value = option_value_page(page, option, n.line);
+    const Page& value = option.value_page ? *option.value_page : option_value_page(page, option, n.line);
     if (option.value_form != FORM_REFERENCES) return false;
     for (const PageNode& ref : value.nodes) {
       if (!ref.is_tag) continue;
@@ -211,12 +220,15 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
       if (!entry || entry->kind != KIND_VARIABLE || !entry->variable || !is_scalar(entry->variable->type) ||
           total == FastArgs::kMaxRefs)
         return false;
-      total++;
+      entries[total++] = entry;
     }
   }
   args.ref_first[n.option_count] = total;
   if (engine.tag_limit && engine.tags_processed + total > engine.tag_limit) return false;
-  // Referring to the variables, as processing the values would.
+  // Referring to the variables, as processing the values would.  Only a
+  // string's range can make that copy a shared table; the entries are then
+  // looked up again in the copy.
+  uint64_t version = engine.names->version;
   uint32_t at = 0;
   for (uint32_t k = 0; k < n.option_count && at < total; k++) {
     const PageOption& option = page.options[n.first_option + k];
@@ -224,7 +236,7 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
     const Page& value = *option.value_page;
     for (const PageNode& ref : value.nodes) {
       if (!ref.is_tag) continue;
-      const TagHandler* entry = find_page_name(value, ref.span.at);
+      const TagHandler* entry = engine.names->version == version ? entries[at] : find_page_name(value, ref.span.at);
       Value* v = entry ? touch_variable(*entry, value.names[ref.span.at]) : nullptr;
       if (!v) return false;  // not reached: the look-up succeeded above
       args.refs[at++] = v;
@@ -232,16 +244,6 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
   }
   engine.tags_processed += total;
   return true;
-}
-
-int fast_option(const FastArgs& args, OptionKey name) {
-  const PageOption* options = &args.page->options[args.page->nodes[args.node].first_option];
-  for (uint32_t k = 0; k < args.count; k++) {
-    if (name.atom ? options[k].atom == name.atom
-                  : equals_nocase(args.page->text(options[k].name), name.text))
-      return int(k);
-  }
-  return -1;
 }
 
 bool fast_number(const FastArgs& args, int option, double* out) {

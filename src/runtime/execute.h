@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "base/nocase.h"
 #include "runtime/run.h"
 
 // The name table entry for a name of `page`, remembered per page name while
@@ -38,8 +39,8 @@ struct FastArgs {
   const Page* page = nullptr;
   uint32_t node = 0;
   uint32_t count = 0;
-  uint32_t ref_first[kMaxOptions + 1] = {};   // per option, its first reference
-  const Value* refs[kMaxRefs] = {};           // the referenced variables' values
+  uint32_t ref_first[kMaxOptions + 1];  // per option, its first reference
+  const Value* refs[kMaxRefs];          // the referenced variables' values
 };
 
 // True when the fast handler did the handler's work; false when it
@@ -53,7 +54,17 @@ FastHandlerFn fast_handler(uint8_t tag);
 // changed, for any other option.
 bool fast_options(const Page& page, uint32_t node, FastArgs& args);
 // The index of the first option with that name, or -1.
-int fast_option(const FastArgs& args, OptionKey name);
+inline int fast_option(const FastArgs& args, OptionKey name) {
+  const PageOption* options = &args.page->options[args.page->nodes[args.node].first_option];
+  if (name.atom) {
+    for (uint32_t k = 0; k < args.count; k++)
+      if (options[k].atom == name.atom) return int(k);
+    return -1;
+  }
+  for (uint32_t k = 0; k < args.count; k++)
+    if (equals_nocase(args.page->text(options[k].name), name.text)) return int(k);
+  return -1;
+}
 // An option's value as an expression's number, when it can be computed
 // from its references' numbers (floating-point mode only).
 bool fast_number(const FastArgs& args, int option, double* out);

@@ -177,7 +177,17 @@ bool arithmetic(Op op, double a, double b, double& r) {
   switch (op) {
     case OP_MUL: r = a * b; return true;
     case OP_DIV: if (b == 0) return false; r = a / b; return true;
-    case OP_MOD: if (b == 0) return false; r = std::fmod(a, b); return true;
+    case OP_MOD:
+      if (b == 0) return false;
+      // Whole operands well inside the exact range: the remainder of the
+      // integers, with the dividend's sign (a zero one too, as fmod gives).
+      if (std::fabs(a) < 9e15 && std::fabs(b) < 9e15 && a == double(int64_t(a)) && b == double(int64_t(b))) {
+        int64_t m = int64_t(a) % int64_t(b);
+        r = m == 0 ? (a < 0 || (a == 0 && std::signbit(a)) ? -0.0 : 0.0) : double(m);
+        return true;
+      }
+      r = std::fmod(a, b);
+      return true;
     case OP_ADD: r = a + b; return true;
     default: r = a - b; return true;
   }
@@ -648,13 +658,8 @@ Decimal expr_eval_decimal(std::string_view text) {
 // as written.  Integer operators read their operands' leading integers; a
 // constant keeps its own, which can differ from its rounded number's.
 
-bool number_read_back(double d, double* out) {
+bool number_read_back_printed(double d, double* out) {
   if (!std::isfinite(d)) return false;
-  // Whole numbers print as their digits and read back unchanged.
-  if (d == std::trunc(d) && std::fabs(d) < 1e15) {
-    *out = d;
-    return true;
-  }
   char buf[400];
   auto res = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::fixed, 15);
   if (res.ec != std::errc()) return false;
@@ -884,8 +889,9 @@ bool expr_run(const ExprProgram& program, const double* references, double* resu
   }
   size_t top = 0;
   auto integer = [](const Slot& s) { return s.exact ? s.integer : integer_of(s.number); };
-  const std::vector<ExprStep>& steps = program.steps;
-  for (size_t pc = 0; pc < steps.size(); pc++) {
+  const ExprStep* steps = program.steps.data();
+  const size_t count = program.steps.size();
+  for (size_t pc = 0; pc < count; pc++) {
     const ExprStep& step = steps[pc];
     switch (step.op) {
       case X_CONST:

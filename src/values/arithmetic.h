@@ -41,7 +41,15 @@ extern bool arithmetic_shortcuts;
 
 // A number as the evaluators read it back after printing it with "%.15lf".
 // False for a number that does not print as digits (infinite, not a number).
-bool number_read_back(double d, double* out);
+bool number_read_back_printed(double d, double* out);
+inline bool number_read_back(double d, double* out) {
+  // Whole numbers print as their digits and read back unchanged.
+  if (d < 1e15 && d > -1e15 && d == double(int64_t(d))) {
+    *out = d;
+    return true;
+  }
+  return number_read_back_printed(d, out);
+}
 
 // ---------------------------------------------------------------------------
 // Compiled expressions
