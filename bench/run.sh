@@ -28,6 +28,8 @@
 #                     "> 60 s" and its larger sizes are not run
 #   BENCH_SCALE_RUNS  runs of each memory, depth and append page, the best
 #                     kept (default 1)
+#   BENCH_KEEP        when set, the run's directory (outputs, hyperfine's CSV
+#                     files, generated pages) is kept and named
 #
 # Both engines run in CGI mode, as a web server would start them: no
 # arguments, the request in the environment (DOCUMENT_ROOT, REQUEST_METHOD=GET,
@@ -62,7 +64,7 @@ fi
 [ -x "$cvml" ] || { echo "no cvml binary at $cvml" >&2; exit 1; }
 cvml=$(cd "$(dirname "$cvml")" && pwd)/$(basename "$cvml")
 php=$(command -v php-cgi) || { echo "php-cgi is not installed" >&2; exit 1; }
-for tool in hyperfine timeout /usr/bin/time sqlite3 awk; do
+for tool in hyperfine cc sqlite3 awk; do
   command -v "$tool" >/dev/null || { echo "$tool is not installed" >&2; exit 1; }
 done
 
@@ -90,8 +92,13 @@ else
 fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/cvml-bench.XXXXXX")
-trap 'rm -rf "$work"' EXIT
+if [ -n "${BENCH_KEEP:-}" ]; then
+  echo "keeping the outputs, hyperfine's CSV files and the generated pages in $work" >&2
+else
+  trap 'rm -rf "$work"' EXIT
+fi
 mkdir -p "$work/pages"
+cc -O2 -o "$work/measure" "$here/measure.c" || { echo "cannot compile bench/measure.c" >&2; exit 1; }
 
 export REQUEST_METHOD=GET QUERY_STRING=$query REDIRECT_STATUS=200
 machine=$(bench_machine)
@@ -136,21 +143,16 @@ row() { local line="|" cell; for cell in "$@"; do line+=" $cell |"; done; rows+=
 # ---- running ----------------------------------------------------------------
 
 # run_once OUT ENV... -- CMD...: runs CMD once with the extra environment and
-# a time-out; sets T (wall seconds), RSS (peak KiB) and RC (124: time-out).
+# the time-out (bench/measure.c); sets RC (124: time-out), T (wall seconds),
+# CPU (user + system seconds) and RSS (peak KiB).
 run_once() {
   local out=$1; shift
   local envs=()
   while [ "$1" != "--" ]; do envs+=("$1"); shift; done
   shift
-  local start end
-  start=$(date +%s%N)
-  env "${envs[@]}" timeout -k 5 "$limit" /usr/bin/time -f '%M' -o "$work/rss" "$@" > "$out" 2>"$out.err"
-  RC=$?
-  end=$(date +%s%N)
-  T=$(awk -v a="$start" -v b="$end" 'BEGIN { printf "%.6f", (b - a) / 1e9 }')
-  RSS=$(tail -n 1 "$work/rss" 2>/dev/null)
-  [[ "$RSS" =~ ^[0-9]+$ ]] || RSS=0
-  if [ $RC -eq 124 ] || [ $RC -eq 137 ]; then RC=124; fi
+  RC=2; T=0; CPU=0; RSS=0
+  env "${envs[@]}" "$work/measure" "$limit" "$work/report" "$@" > "$out" 2>"$out.err"
+  read -r RC T CPU RSS < "$work/report"
 }
 
 # check_bodies NAME A B: compares two responses' bodies; prints nothing and
@@ -193,7 +195,7 @@ bench_pair() {
   echo "== $name" >&2
   run_once "$work/$name.cvml.out" "${env_list[@]}" -- "$cvml"; t_c=$T
   if [ $RC -eq 124 ]; then
-    row "$name" "$(what_of "$name")" "> $limit s (time-out)" "" "" "$(goal_of "$name")" 1
+    row "$name" "$(what_of "$name")" "> $limit s (time-out)" "" "" "" "≤ $(goal_of "$name"): not measured" 1
     status=1; return
   fi
   run_once "$work/$name.php.out" "${env_list[@]}" -- "$php"; t_p=$T
@@ -211,13 +213,16 @@ bench_pair() {
   cmds=(--command-name cvml "$cvml" --command-name php "$php" "${extra[@]}")
   env "${env_list[@]}" hyperfine -N --style basic --warmup "$warm" --runs "$runs" \
     --export-csv "$work/$name.csv" "${cmds[@]}" >&2 || { echo "hyperfine failed on $name" >&2; status=1; return; }
-  local mc sc mp sp r goal
-  mc=$(awk -F, '$1 == "cvml" { print $2 }' "$work/$name.csv"); sc=$(awk -F, '$1 == "cvml" { print $3 }' "$work/$name.csv")
-  mp=$(awk -F, '$1 == "php" { print $2 }' "$work/$name.csv"); sp=$(awk -F, '$1 == "php" { print $3 }' "$work/$name.csv")
+  local mc sc cc mp sp cp r goal csv=$work/$name.csv
+  mc=$(awk -F, '$1 == "cvml" { print $2 }' "$csv"); sc=$(awk -F, '$1 == "cvml" { print $3 }' "$csv")
+  cc=$(awk -F, '$1 == "cvml" { print $5 + $6 }' "$csv")
+  mp=$(awk -F, '$1 == "php" { print $2 }' "$csv"); sp=$(awk -F, '$1 == "php" { print $3 }' "$csv")
+  cp=$(awk -F, '$1 == "php" { print $5 + $6 }' "$csv")
   r=$(ratio "$mc" "$mp")
   goal=$(goal_of "$name")
   if [ -n "$goal" ]; then goal=$(goal_cell "$r" "$goal" "≤ $goal"); else goal="–"; fi
-  row "$name" "$(what_of "$name")" "$(fmt_time "$mc" "$sc")" "$(fmt_time "$mp" "$sp")" "$r$mismatch" "$goal" "$runs"
+  row "$name" "$(what_of "$name")" "$(fmt_time "$mc" "$sc")" "$(fmt_time "$mp" "$sp")" "$r$mismatch" \
+    "$(ratio "$cc" "$cp")" "$goal" "$runs"
   if [ ${#extra[@]} -gt 0 ]; then
     local m0
     m0=$(awk -F, '$1 == "c" { print $2 }' "$work/$name.csv")
@@ -225,37 +230,39 @@ bench_pair() {
   fi
 }
 
-# best_of N ENV... -- CMD...: run_once N times (stopping at a time-out), keeping
-# the lowest time and the lowest peak RSS; the first run's output is kept.
+# best_of N OUT ENV... -- CMD...: run_once N times (stopping at a time-out),
+# keeping the lowest wall time, CPU time and peak RSS; OUT gets the first
+# run's output.
 best_of() {
-  local n=$1 out=$2 i bt="" brss="" args
+  local n=$1 out=$2 i bt="" bc="" brss=""
   shift 2
   for i in $(seq 1 "$n"); do
     run_once "$out.$i" "$@"
-    [ $i -eq 1 ] && cp "$out.1" "$out"
-    [ $RC -eq 124 ] && return
+    [ "$i" -eq 1 ] && cp "$out.1" "$out"
+    [ "$RC" -eq 124 ] && return
     if [ -z "$bt" ] || awk -v a="$T" -v b="$bt" 'BEGIN { exit !(a < b) }'; then bt=$T; fi
+    if [ -z "$bc" ] || awk -v a="$CPU" -v b="$bc" 'BEGIN { exit !(a < b) }'; then bc=$CPU; fi
     if [ -z "$brss" ] || [ "$RSS" -lt "$brss" ]; then brss=$RSS; fi
   done
-  T=$bt; RSS=$brss
+  T=$bt; CPU=$bc; RSS=$brss
 }
 
 bench_memory() {
-  local env_list t_c rss_c t_p rss_p mismatch="" r
+  local env_list t_c c_c rss_c t_p c_p rss_p mismatch="" r
   cgi_env memory
   echo "== memory" >&2
   best_of "$scale_runs" "$work/memory.cvml.out" "${env_list[@]}" -- "$cvml"
   if [ $RC -eq 124 ]; then
-    row memory "peak RSS, a 1,000,000-element list of numbers" "> $limit s (time-out)" "" "" "≤ 64 MiB" "$scale_runs"
+    row memory "peak RSS, a 1,000,000-element list of numbers" "> $limit s (time-out)" "" "" "" "≤ 64 MiB: not measured" "$scale_runs"
     status=1; return
   fi
-  t_c=$T; rss_c=$RSS
+  t_c=$T; c_c=$CPU; rss_c=$RSS
   best_of "$scale_runs" "$work/memory.php.out" "${env_list[@]}" -- "$php"
-  t_p=$T; rss_p=$RSS
+  t_p=$T; c_p=$CPU; rss_p=$RSS
   check_bodies memory "$work/memory.cvml.out" "$work/memory.php.out" || mismatch=" (bodies differ)"
   r=$(ratio "$rss_c" "$rss_p")
   row memory "peak RSS, a 1,000,000-element list of numbers" "$(mib "$rss_c") ($(fmt_time "$t_c"))" \
-    "$(mib "$rss_p") ($(fmt_time "$t_p"))" "$r$mismatch" \
+    "$(mib "$rss_p") ($(fmt_time "$t_p"))" "$r$mismatch" "$(ratio "$c_c" "$c_p")" \
     "$(goal_cell "$(awk -v k="$rss_c" 'BEGIN { print k / 1024 }')" 64 "≤ 64 MiB")" "$scale_runs"
 }
 
@@ -287,13 +294,13 @@ bench_scale() {
     expect=$work/$kind$size.expected
     if [ -n "$over" ]; then
       skipped=1
-      row "$kind $(grouped "$size")" "$what" "not run ($over took > $limit s)" "" "" "flat" 0
+      row "$kind $(grouped "$size")" "$what" "not run ($over took > $limit s)" "" "" "" "flat" 0
       continue
     fi
     "make_${kind}_page" "$size" "$page" "$expect"
     best_of "$scale_runs" "$work/$kind$size.out" "DOCUMENT_ROOT=$work/pages" "PATH_TRANSLATED=$page" -- "$cvml"
     if [ $RC -eq 124 ]; then
-      row "$kind $(grouped "$size")" "$what" "> $limit s (time-out)" "" "" "flat" "$scale_runs"
+      row "$kind $(grouped "$size")" "$what" "> $limit s (time-out)" "" "" "" "flat" "$scale_runs"
       over=$(grouped "$size")
       continue
     fi
@@ -304,12 +311,13 @@ bench_scale() {
       bad=" (wrong output)"; status=1
     fi
     row "$kind $(grouped "$size")" "$what" \
-      "$(fmt_time "$T"), $(per_unit "$T" "$size")/$unit, $(mib "$RSS")$bad" "" "" "flat" "$scale_runs"
-    if [ -z "$first_t" ]; then first_t=$T; first_n=$size; fi
-    last_t=$T; last_n=$size
+      "$(fmt_time "$T") (CPU $(fmt_time "$CPU")), $(per_unit "$CPU" "$size") CPU/$unit, $(mib "$RSS")$bad" \
+      "" "" "" "flat" "$scale_runs"
+    if [ -z "$first_t" ]; then first_t=$CPU; first_n=$size; fi
+    last_t=$CPU; last_n=$size
   done
   if [ -n "$last_n" ] && [ "$last_n" != "$first_n" ]; then
-    notes+=("$kind: the time per $unit at $(grouped "$last_n") is $(awk -v a="$last_t" -v an="$last_n" -v b="$first_t" -v bn="$first_n" \
+    notes+=("$kind: the CPU time per $unit at $(grouped "$last_n") is $(awk -v a="$last_t" -v an="$last_n" -v b="$first_t" -v bn="$first_n" \
       'BEGIN { printf "%.1f", (a / an) / (b / bn) }') times that at $(grouped "$first_n") (flat: about 1)${over:+; $over did not finish within $limit s}${skipped:+, larger sizes were not run}.")
   elif [ -n "$over" ]; then
     notes+=("$kind: $over did not finish within $limit s${skipped:+, larger sizes were not run}.")
@@ -334,12 +342,14 @@ echo
 echo "Machine: $machine"
 echo "Versions: $versions"
 echo
-echo "| benchmark | what | cvml | php | cvml/php | goal | runs |"
-echo "|---|---|---|---|---|---|---|"
+echo "| benchmark | what | cvml | php | cvml/php | CPU cvml/php | goal | runs |"
+echo "|---|---|---|---|---|---|---|---|"
 printf '%s\n' "${rows[@]}"
 echo
-echo "Times: mean ± standard deviation over the runs shown (hyperfine, whole processes"
-echo "in CGI mode).  memory, depth and append: wall time and peak RSS of one run each"
-echo "(the best of the runs shown)."
+echo "Times: wall time, mean ± standard deviation over the runs shown (hyperfine, whole"
+echo "processes in CGI mode); cvml/php compares these, CPU cvml/php the user + system"
+echo "time, which a busy machine disturbs less.  memory, depth and append: one run each"
+echo "(the best of the runs shown) with its wall time, CPU time and peak RSS; the time"
+echo "per block or append is CPU time."
 [ ${#notes[@]} -gt 0 ] && printf '%s\n' "${notes[@]}"
 exit $status
