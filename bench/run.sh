@@ -9,7 +9,9 @@
 #   rows       a 1,000-row SQLite table read through ODBC and printed as an
 #              HTML table (PHP: PDO SQLite)
 #   strings    replace, find, case, HTML-safe and URL encoding in a loop
-#   memory     peak RSS of a page that fills a 1,000,000-element list
+#   memory     peak RSS of a page that fills a 1,000,000-element list (it
+#              makes the list at its full length, then sets every element
+#              to a number)
 #   depth      1,000 / 10,000 / 100,000 nested CVIF blocks (generated pages)
 #   append     10,000 / 100,000 / 1,000,000 list appends in a loop
 # Any other bench/<name>.cvm with a bench/<name>.php beside it is timed as a
