@@ -8,6 +8,9 @@ packages=(
   libgmp-dev libmpfr-dev libpcre2-dev unixodbc-dev odbcinst libsqliteodbc
   sqlite3 lighttpd php-cgi hyperfine curl valgrind python3
 )
+# --- benchmark tools (bench/run.sh, bench/fastcgi.sh) ---
+packages+=(php-sqlite3 php-fpm wrk time)
+# --- end of benchmark tools ---
 
 missing=()
 for pkg in "${packages[@]}"; do
