@@ -10,10 +10,60 @@
 #     print the row's message as a line of its report.
 # Usage: manual_examples_test.sh CVML [DOCS_DIR]   (DOCS_DIR: default docs/)
 # Prints file:line for every mismatch and exits non-zero when there is one.
+# Without DOCS_DIR it first runs itself on a page of faulty examples, to make
+# sure that the checker still catches each kind of fault.
 set -u
 cvml=${1:?usage: manual_examples_test.sh CVML [DOCS_DIR]}
-docs=${2:-$(cd "$(dirname "$0")/../../docs" && pwd)}
-exec perl -x "$0" "$cvml" "$docs"
+if [ $# -ge 2 ]; then exec perl -x "$0" "$cvml" "$2"; fi
+
+faulty=$(mktemp -d "${TMPDIR:-/tmp}/cvml-manual-check.XXXXXX")
+trap 'rm -rf "$faulty"' EXIT
+cat > "$faulty/faulty.md" <<'MD'
+```cvml
+<CVDEBUG type="error">right
+```
+
+```output
+Content-type: text/html
+
+right
+```
+
+```cvml
+<CVDEBUG type="error">wrong
+```
+
+```output
+Content-type: text/html
+
+right
+```
+
+| Page | Message |
+|---|---|
+| `<CVVAR>` | `CVVAR requires the 'var' option to be used.  See the Corvane documentation for details.` |
+| `<CVVAR>` | `CVVAR requires the 'var' option.` |
+
+```cvml
+no output block follows
+```
+MD
+report=$("$0" "$cvml" "$faulty")
+status=$?
+for line in "faulty.md:11: output differs from the output block at line 15:" \
+            "faulty.md:24: the page does not print the message \"CVVAR requires the 'var' option.\"; it prints:" \
+            "faulty.md:26: cvml block has no output block after it" \
+            "4 examples, 2 failed, 1 malformed"; do
+  if [ $status -eq 0 ] || ! grep -qF -- "$line" <<<"$report"; then
+    echo "the checker no longer reports: $line"
+    echo "its report on $faulty/faulty.md was:"
+    echo "$report"
+    exit 1
+  fi
+done
+
+perl -x "$0" "$cvml" "$(cd "$(dirname "$0")/../../docs" && pwd)"
+exit $?
 
 #!perl
 use strict;
