@@ -155,9 +155,10 @@ bool session_prepare(std::string& err, SqlConnection* conn) {
              std::to_string(timeout) + ")";
     }
     conn->server_timeout = true;
-    SQLRETURN r = run_statement(err, conn, sql, nullptr);
-    if (!odbc_ok(r)) {
+    std::string diag;
+    if (!odbc_ok(run_statement(diag, conn, sql, nullptr))) {
       err += "Error setting up the session on " + conn->datasource + ".\n";
+      err += diag;
       return false;
     }
   } else if (equals_nocase(conn->dbms, "PostgreSQL") && timeout) {
