@@ -131,3 +131,25 @@ TEST(OdbcTransactions, OnlyBareKeywordsAreTransactionStatements) {
   };
   for (const Case& c : cases) EXPECT_EQ(c.expected, sql_transaction_statement(c.text)) << c.text;
 }
+
+TEST(OdbcConnectPlan, SettingsAddedUnlessTheStringHasThem) {
+  SqlEnv env;  // no driver manager loaded: data source entries read as absent
+  env.login_timeout = 7;
+  env.query_timeout = 20;
+  ConnectPlan plain = session_connect_plan(env, "sales", "ann", "pw");
+  EXPECT_FALSE(plain.use_string);
+
+  ConnectPlan maria = session_connect_plan(env, "Driver=MariaDB Unicode;Server=db;READ_TIMEOUT=3", "ann", "p;w");
+  EXPECT_TRUE(maria.use_string);
+  EXPECT_EQ("Driver=MariaDB Unicode;Server=db;READ_TIMEOUT=3;UID=ann;PWD={p;w};CONN_TIMEOUT=7;WRITE_TIMEOUT=25",
+            maria.text);
+
+  ConnectPlan pg = session_connect_plan(env, "Driver={PostgreSQL Unicode};UID=bob;UseDeclareFetch=0", "ann", "");
+  EXPECT_EQ("Driver={PostgreSQL Unicode};UID=bob;UseDeclareFetch=0;Fetch=1000", pg.text);
+
+  // Other drivers get the page's credentials only; no time-out of 0 is added.
+  env.login_timeout = 0;
+  EXPECT_EQ("Driver=SQLite3;Database=/x.db;UID=ann", session_connect_plan(env, "Driver=SQLite3;Database=/x.db", "ann", "").text);
+  EXPECT_EQ("Driver=libmaodbc.so;READ_TIMEOUT=25;WRITE_TIMEOUT=25",
+            session_connect_plan(env, "Driver=libmaodbc.so", "", "").text);
+}
