@@ -18,6 +18,7 @@ INSERT INTO texts VALUES
   (2, '日本語', 'x€y', repeat('a', 4096)),
   (3, '', NULL, repeat('b', 4097)),
   (4, NULL, 'zzz', repeat('ü', 5000)),
+  (6, 'large', 'big', repeat('large text ', 100000)),
   (5, 'a''b\\c', '\\\\\\', '');
 
 CREATE TABLE moments (id int, d date, t time, ts datetime(6));
