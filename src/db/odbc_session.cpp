@@ -119,6 +119,12 @@ ConnectPlan session_connect_plan(const SqlEnv& env, std::string_view datasource,
     // engine reads it: with a cursor it holds 1,000 rows at a time.
     add("UseDeclareFetch", 1);
     add("Fetch", 1000);
+    // Each statement runs once, so preparing it on the server only costs
+    // round trips (and the driver loses memory after a failed statement
+    // prepared there).
+    if (!connection_string_find(pairs, "UseServerSidePrepare") &&
+        profile(a, dsn, "UseServerSidePrepare", "odbc.ini").empty())
+      connection_string_add(plan.text, "UseServerSidePrepare", "0");
     return plan;
   }
   // The MariaDB driver leaves the ODBC time-out attributes aside while it

@@ -93,7 +93,11 @@ check_result_memory() {
   cost=$(( (big - small) * 1024 ))
   echo "$server: 100000 rows of $data bytes: peak memory $big KiB against $small KiB for one row," \
        "$cost bytes ($(( cost * 100 / data ))% of the data)"
-  if [ $(( cost * 10 )) -gt $(( data * limit )) ]; then
+  # AddressSanitizer's allocator keeps freed memory aside, so its figures
+  # say nothing about the engine's.
+  if grep -q -a __asan_init "$cvml"; then
+    echo "$server: (sanitizer build: the figure is not checked)"
+  elif [ $(( cost * 10 )) -gt $(( data * limit )) ]; then
     echo "$server: the result costs more than $limit/10 times its data"
     failures=$((failures + 1))
   fi

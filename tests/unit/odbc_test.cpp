@@ -145,7 +145,7 @@ TEST(OdbcConnectPlan, SettingsAddedUnlessTheStringHasThem) {
             maria.text);
 
   ConnectPlan pg = session_connect_plan(env, "Driver={PostgreSQL Unicode};UID=bob;UseDeclareFetch=0", "ann", "");
-  EXPECT_EQ("Driver={PostgreSQL Unicode};UID=bob;UseDeclareFetch=0;Fetch=1000", pg.text);
+  EXPECT_EQ("Driver={PostgreSQL Unicode};UID=bob;UseDeclareFetch=0;Fetch=1000;UseServerSidePrepare=0", pg.text);
 
   // Other drivers get the page's credentials only; no time-out of 0 is added.
   env.login_timeout = 0;
