@@ -9,7 +9,8 @@
 #
 # Needs: $work (an empty directory of the caller's).
 
-db_pids=()
+db_pids=()      # servers started, and the signal that stops each
+db_signals=()
 
 # Debian's own interpreter when it is there: a version manager's shim in
 # front of it on PATH can take seconds to start.
@@ -21,14 +22,12 @@ free_port() {
   "$py" -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
 
-# as_owner USER COMMAND...: runs the command as USER when we are root.
-as_owner() {
-  local user=$1; shift
-  if [ "$(id -u)" -eq 0 ]; then
-    setpriv --reuid="$user" --regid="$user" --init-groups -- "$@"
-  else
-    "$@"
-  fi
+# owner_prefix USER: sets exec_as to the words that run a command as USER
+# when we are root (none otherwise).  setpriv replaces itself with the
+# command, so a server started in the background keeps the id $! gives.
+owner_prefix() {
+  exec_as=()
+  [ "$(id -u)" -ne 0 ] || exec_as=(setpriv --reuid="$1" --regid="$1" --init-groups --)
 }
 
 # own_dir USER DIR: makes DIR, owned by USER when we are root.
@@ -61,15 +60,17 @@ pg_start() {
   own_dir postgres "$work/pg"
   printf 'secret\n' > "$work/pg/password"
   [ "$(id -u)" -ne 0 ] || chown postgres "$work/pg/password"
-  if ! as_owner postgres "$pg_bin/initdb" -D "$work/pg/data" -U cvml --pwfile="$work/pg/password" \
+  owner_prefix postgres
+  if ! "${exec_as[@]}" "$pg_bin/initdb" -D "$work/pg/data" -U cvml --pwfile="$work/pg/password" \
          --auth=scram-sha-256 -E UTF8 --locale=C.UTF-8 -N > "$work/pg/initdb.log" 2>&1; then
     echo "initdb failed:"; cat "$work/pg/initdb.log"; return 1
   fi
   PG_PORT=$(free_port)
   PG_DATABASE=postgres
-  as_owner postgres "$pg_bin/postgres" -D "$work/pg/data" -p "$PG_PORT" -h 127.0.0.1 -k "$work/pg" \
+  "${exec_as[@]}" "$pg_bin/postgres" -D "$work/pg/data" -p "$PG_PORT" -h 127.0.0.1 -k "$work/pg" \
     -c fsync=off -c synchronous_commit=off -c full_page_writes=off > "$work/pg/server.log" 2>&1 &
   db_pids+=($!)
+  db_signals+=(INT)  # a fast shutdown: sessions still open are ended
   if ! wait_until 30 "$pg_bin/pg_isready" -q -h 127.0.0.1 -p "$PG_PORT"; then
     echo "PostgreSQL did not start:"; cat "$work/pg/server.log"; return 1
   fi
@@ -101,6 +102,7 @@ mariadb_start() {
     --log-error="$work/my/server.log" --skip-log-bin --innodb-buffer-pool-size=32M \
     --innodb-log-file-size=16M --innodb-flush-log-at-trx-commit=0 > /dev/null 2>&1 &
   db_pids+=($!)
+  db_signals+=(TERM)
   if ! wait_until 30 mariadb-admin --no-defaults -uroot --socket="$work/my/socket" ping; then
     echo "MariaDB did not start:"; cat "$work/my/server.log"; return 1
   fi
@@ -116,14 +118,15 @@ mariadb_run() { mariadb --no-defaults -h 127.0.0.1 -P "$MY_PORT" -ucvml -psecret
 
 # db_stop_all: asks each server to stop, waits up to 15 s, then kills it.
 db_stop_all() {
-  local pid i
-  for pid in "${db_pids[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+  local pid i n
+  for n in "${!db_pids[@]}"; do kill -"${db_signals[$n]}" "${db_pids[$n]}" 2>/dev/null; done
   for pid in "${db_pids[@]}"; do
     for i in $(seq 150); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
     kill -KILL "$pid" 2>/dev/null
     wait "$pid" 2>/dev/null
   done
   db_pids=()
+  db_signals=()
 }
 
 # odbc_driver NAME: the path of an ODBC driver library, or nothing.
