@@ -7,6 +7,7 @@ packages=(
   build-essential cmake ninja-build clang libclang-rt-14-dev libgtest-dev
   libgmp-dev libmpfr-dev libpcre2-dev unixodbc-dev odbcinst libsqliteodbc
   sqlite3 lighttpd php-cgi hyperfine curl valgrind python3
+  postgresql odbc-postgresql mariadb-server odbc-mariadb time  # database system tests
 )
 # --- benchmark tools (bench/run.sh, bench/fastcgi.sh) ---
 packages+=(php-sqlite3 php-fpm wrk time)

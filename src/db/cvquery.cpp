@@ -2,6 +2,8 @@
 // the ODBC layer into a query variable, and moves of its current row.
 #include "db/cvquery.h"
 
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,6 +46,19 @@ struct Database {
 };
 
 Database db;
+
+// A time-out in seconds from the environment: whole seconds up to a day, 0
+// for none; anything else leaves the default.
+uint32_t timeout_setting(const char* name, uint32_t fallback) {
+  const char* text = std::getenv(name);
+  if (!text || !*text || std::strlen(text) > 5) return fallback;
+  uint32_t n = 0;
+  for (const char* p = text; *p; p++) {
+    if (*p < '0' || *p > '9') return fallback;
+    n = n * 10 + static_cast<uint32_t>(*p - '0');
+  }
+  return n <= 86400 ? n : fallback;
+}
 
 SqlConnection* cached_connection(std::string_view datasource) {
   for (const auto& c : db.connections)
@@ -147,6 +162,10 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
     if (!db.init_tried) {
       db.init_tried = true;
       db.env = sql_init(db.init_error);
+      if (db.env) {
+        db.env->login_timeout = timeout_setting("CVML_DB_LOGIN_TIMEOUT", kDefaultLoginTimeout);
+        db.env->query_timeout = timeout_setting("CVML_DB_QUERY_TIMEOUT", kDefaultQueryTimeout);
+      }
     }
     // A password means nothing without a user name.
     std::string_view user = username ? std::string_view(*username) : std::string_view();

@@ -3,40 +3,20 @@
 #include "db/odbc.h"
 
 #include <dlfcn.h>
-#include <sqlext.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
+#include "db/odbc_api.h"
+#include "db/odbc_session.h"
 #include "runtime/run.h"
 
 namespace {
 
 // ---------------------------------------------------------------------------
 // Entry points
-
-// The types come from the declarations in <sql.h>; nothing is linked.
-struct OdbcApi {
-  bool loaded = false;
-  void* library = nullptr;
-  decltype(&::SQLAllocHandle) alloc_handle = nullptr;
-  decltype(&::SQLSetConnectAttr) set_connect_attr = nullptr;
-  decltype(&::SQLConnect) connect = nullptr;
-  decltype(&::SQLGetInfo) get_info = nullptr;
-  decltype(&::SQLFreeHandle) free_handle = nullptr;
-  decltype(&::SQLPrepare) prepare = nullptr;
-  decltype(&::SQLExecute) execute = nullptr;
-  decltype(&::SQLNumResultCols) num_result_cols = nullptr;
-  decltype(&::SQLColAttribute) col_attribute = nullptr;
-  decltype(&::SQLBindCol) bind_col = nullptr;
-  decltype(&::SQLFetch) fetch = nullptr;
-  decltype(&::SQLGetData) get_data = nullptr;
-  decltype(&::SQLCloseCursor) close_cursor = nullptr;
-  decltype(&::SQLDisconnect) disconnect = nullptr;
-  decltype(&::SQLDataSources) data_sources = nullptr;
-  decltype(&::SQLSetEnvAttr) set_env_attr = nullptr;
-  decltype(&::SQLGetDiagRec) get_diag_rec = nullptr;
-};
 
 // One set per driver-set index; only set 0 is ever filled.
 OdbcApi api_sets[1];
@@ -68,7 +48,13 @@ bool load_entry_points(OdbcApi& a) {
          find_entry(l, "SQLGetDiagRec", &a.get_diag_rec);
 }
 
-bool ok(SQLRETURN r) { return r == SQL_SUCCESS || r == SQL_SUCCESS_WITH_INFO; }
+void load_optional_entry_points(OdbcApi& a) {
+  find_entry(a.library, "SQLDriverConnect", &a.driver_connect);
+  find_entry(a.library, "SQLSetStmtAttr", &a.set_stmt_attr);
+  find_entry(a.library, "SQLEndTran", &a.end_tran);
+}
+
+bool ok(SQLRETURN r) { return odbc_ok(r); }
 
 const OdbcApi& api_of(const SqlConnection* conn) { return api_of(conn ? conn->env : nullptr); }
 
@@ -106,47 +92,73 @@ bool is_long_type(SQLSMALLINT sql_type) {
   return sql_type == SQL_LONGVARCHAR || sql_type == SQL_WLONGVARCHAR || sql_type == SQL_LONGVARBINARY;
 }
 
+bool is_text_c_type(SQLSMALLINT c_type) { return c_type == SQL_C_CHAR || c_type == SQL_C_BINARY; }
+
+// The bytes a value of a fixed-size C type occupies.
+size_t fixed_size(SQLSMALLINT c_type) {
+  switch (c_type) {
+    case SQL_C_STINYINT: case SQL_C_UTINYINT: case SQL_C_BIT:
+      return 1;
+    case SQL_C_SSHORT: case SQL_C_USHORT:
+      return 2;
+    case SQL_C_SLONG: case SQL_C_ULONG: case SQL_C_FLOAT:
+      return 4;
+    case SQL_C_SBIGINT: case SQL_C_UBIGINT: case SQL_C_DOUBLE:
+      return 8;
+    case SQL_C_TYPE_DATE: case SQL_C_TYPE_TIME:
+      return 6;
+    case SQL_C_TYPE_TIMESTAMP:
+      return 16;
+    default:
+      return 0;
+  }
+}
+
 // How one column is read while fetching.
 struct ColumnPlan {
   SQLSMALLINT c_type = -1;    // the type handed to the driver
-  uint32_t slot = 0;          // 0: read piecewise as a long value
+  uint32_t slot = 0;          // 0: read piecewise
   uint32_t offset = 0;        // in the row image
 };
 
-// The cell of a fetched slot: character data up to its length (never past
-// the terminating zero the driver wrote), binary data up to its length,
-// fixed-size types as the whole slot.
-ResultCell slot_cell(const ColumnPlan& plan, const char* slot, SQLLEN indicator) {
-  ResultCell cell;
+// Packs a fetched slot as the row's next cell.  False when a text value
+// did not fit its slot (the driver announced a shorter one).
+bool pack_slot(const ColumnPlan& plan, const char* slot, SQLLEN indicator, std::string& row) {
   if (indicator == SQL_NULL_DATA) {
-    cell.is_null = true;
-    return cell;
+    result_pack_null(row);
+    return true;
   }
-  size_t size = plan.slot;
-  if (plan.c_type == SQL_C_CHAR) {
-    size_t limit = size ? size - 1 : 0;
-    size = indicator < 0 ? strnlen(slot, limit) : std::min<size_t>(static_cast<size_t>(indicator), limit);
-  } else if (plan.c_type == SQL_C_BINARY) {
-    if (indicator >= 0) size = std::min<size_t>(static_cast<size_t>(indicator), size);
+  if (!is_text_c_type(plan.c_type)) {
+    result_pack_cell(row, std::string_view(slot, fixed_size(plan.c_type)));
+    return true;
   }
-  cell.data.assign(slot, size);
-  return cell;
+  size_t room = plan.c_type == SQL_C_CHAR ? plan.slot - 1 : plan.slot;
+  if (indicator < 0 || static_cast<size_t>(indicator) > room) return false;
+  result_pack_cell(row, std::string_view(slot, static_cast<size_t>(indicator)));
+  return true;
 }
 
-bool read_long(std::string& err, SqlQuery* q, SQLUSMALLINT column, SQLSMALLINT c_type, ResultCell* cell) {
+// Reads a value through a 4,097-byte buffer, piece by piece, and packs it
+// as the row's next cell.
+bool read_pieces(std::string& err, SqlQuery* q, SQLUSMALLINT column, SQLSMALLINT c_type, std::string& row,
+                 std::string& value) {
   const OdbcApi& a = api_of(q->connection);
   char buffer[4097];
   SQLLEN indicator = 0;
   SQLRETURN r = a.get_data(q->stmt, column, c_type, buffer, sizeof buffer, &indicator);
   if (ok(r) && indicator == SQL_NULL_DATA) {
-    cell->is_null = true;
+    result_pack_null(row);
     return true;
   }
+  value.clear();
   while (ok(r)) {
-    sql_append_piece(cell->data, buffer, indicator);
+    sql_append_piece(value, buffer, indicator, c_type);
     r = a.get_data(q->stmt, column, c_type, buffer, sizeof buffer, &indicator);
   }
-  if (r == SQL_NO_DATA) return true;
+  if (r == SQL_NO_DATA) {
+    result_pack_cell(row, value);
+    return true;
+  }
   err += "Error fetching data.\n";
   sql_report_statement_diag(err, q, r);
   return false;
@@ -162,10 +174,11 @@ bool describe_columns(std::string& err, SqlQuery* q, SQLSMALLINT count, std::vec
   uint32_t offset = 0;
   for (SQLSMALLINT i = 0; i < count; i++) {
     SQLUSMALLINT column = static_cast<SQLUSMALLINT>(i + 1);
-    SQLLEN sql_type = 0, is_unsigned = 0, display = 0;
+    SQLLEN sql_type = 0, is_unsigned = 0, display = 0, octets = 0;
     a.col_attribute(q->stmt, column, SQL_COLUMN_TYPE, nullptr, 0, nullptr, &sql_type);
     a.col_attribute(q->stmt, column, SQL_COLUMN_UNSIGNED, nullptr, 0, nullptr, &is_unsigned);
     a.col_attribute(q->stmt, column, SQL_COLUMN_DISPLAY_SIZE, nullptr, 0, nullptr, &display);
+    a.col_attribute(q->stmt, column, SQL_DESC_OCTET_LENGTH, nullptr, 0, nullptr, &octets);
     std::string name(name_length + 1u, '\0');
     SQLSMALLINT got = 0;
     a.col_attribute(q->stmt, column, SQL_DESC_NAME, name.data(), static_cast<SQLSMALLINT>(name_length + 1),
@@ -179,15 +192,17 @@ bool describe_columns(std::string& err, SqlQuery* q, SQLSMALLINT count, std::vec
     // Numeric values are read as their text rather than as the raw numeric
     // structure; the column keeps its numeric code, which reads as text.
     if (plan.c_type == SQL_C_NUMERIC) plan.c_type = SQL_C_CHAR;
-    // Long wide text is read narrowed by the driver manager, as text.
-    if (type == SQL_WLONGVARCHAR) rc.type = plan.c_type = SQL_C_CHAR;
-    plan.slot = sql_slot_size(type, display);
+    plan.slot = sql_slot_size(type, plan.c_type, display, octets);
     if (plan.slot == 0 && i < *first_unbound) *first_unbound = i;
     plan.offset = offset;
     offset += plan.slot;
     plans.push_back(plan);
     rs.columns.push_back(std::move(rc));
   }
+  // After the first column read piecewise every text column is read so, as
+  // it costs a call per value either way and never cuts one short.
+  for (int i = *first_unbound; i < count; i++)
+    if (is_text_c_type(plans[i].c_type)) plans[i].slot = 0;
   image.assign(offset, '\0');
   indicators.assign(static_cast<size_t>(count), 0);
   // A column of a type with no C type fails here, bound or not, rather
@@ -207,10 +222,50 @@ bool describe_columns(std::string& err, SqlQuery* q, SQLSMALLINT count, std::vec
   return true;
 }
 
+// Reads the fetched row into `row`, packed: bound columns from the row
+// image, the others with SQLGetData in column order.
+bool read_row(std::string& err, SqlQuery* q, const std::vector<ColumnPlan>& plans, std::vector<char>& image,
+              std::vector<SQLLEN>& indicators, int first_unbound, std::string& row, std::string& value) {
+  const OdbcApi& a = api_of(q->connection);
+  const ResultSet& rs = *q->result;
+  row.clear();
+  for (size_t i = 0; i < plans.size(); i++) {
+    const ColumnPlan& p = plans[i];
+    SQLUSMALLINT column = static_cast<SQLUSMALLINT>(i + 1);
+    char* slot = image.data() + p.offset;
+    if (static_cast<int>(i) < first_unbound) {
+      if (pack_slot(p, slot, indicators[i], row)) continue;
+      // Longer than the driver announced: read it whole again.
+      if (!q->connection->getdata_bound) {
+        err += "Error fetching data.\n";
+        err += "The value in column '" + rs.columns[i].name + "' is longer than its driver announced.\n";
+        return false;
+      }
+      if (!read_pieces(err, q, column, p.c_type, row, value)) return false;
+      continue;
+    }
+    if (p.slot == 0) {
+      if (!read_pieces(err, q, column, p.c_type, row, value)) return false;
+      continue;
+    }
+    SQLRETURN g = a.get_data(q->stmt, column, p.c_type, slot, p.slot, &indicators[i]);
+    if (!ok(g)) {
+      err += "Error fetching data.\n";
+      sql_report_statement_diag(err, q, g);
+      return false;
+    }
+    pack_slot(p, slot, indicators[i], row);
+  }
+  return true;
+}
+
 bool create_statement(std::string& err, SqlQuery* q) {
   const OdbcApi& a = api_of(q->connection);
   SQLRETURN r = a.alloc_handle(SQL_HANDLE_STMT, q->connection->dbc, &q->stmt);
-  if (ok(r)) return true;
+  if (ok(r)) {
+    session_statement_timeout(q->connection, q->stmt);
+    return true;
+  }
   err += "Error creating statement.\n";
   sql_report_statement_diag(err, q, r);
   if (r == SQL_ERROR && q->stmt) {
@@ -225,6 +280,8 @@ bool create_statement(std::string& err, SqlQuery* q) {
 }
 
 }  // namespace
+
+const OdbcApi& odbc_api(const SqlEnv* env) { return api_of(env); }
 
 // ---------------------------------------------------------------------------
 // Environment and connections
@@ -241,12 +298,14 @@ std::unique_ptr<SqlEnv> sql_init(std::string& err) {
     return nullptr;
   }
   a.loaded = true;
+  load_optional_entry_points(a);
   // The driver manager loads its configuration library for each connection
   // and unloads it again; holding it open for the run saves the reloads and
   // keeps its allocations attributable to it in leak reports.  Its absence
-  // is not an error: the driver manager reports that itself.
+  // is not an error: the driver manager reports that itself.  It also
+  // reads data sources' settings.
   static void* const installer = dlopen("libodbcinst.so.2", RTLD_NOW | RTLD_NODELETE);
-  (void)installer;
+  if (installer) find_entry(installer, "SQLGetPrivateProfileString", &a.get_profile_string);
   auto env = std::make_unique<SqlEnv>();
   SQLRETURN r = a.alloc_handle(SQL_HANDLE_ENV, SQL_NULL_HANDLE, &env->env);
   if (ok(r)) {
@@ -282,15 +341,25 @@ std::unique_ptr<SqlConnection> sql_connect(SqlEnv* env, std::string& err, std::s
   conn->connect_ms = now_ms();
 
   SQLRETURN r = a.alloc_handle(SQL_HANDLE_DBC, env->env, &conn->dbc);
-  if (ok(r)) r = a.set_connect_attr(conn->dbc, SQL_ATTR_LOGIN_TIMEOUT, reinterpret_cast<SQLPOINTER>(5), 0);
+  if (ok(r))
+    r = a.set_connect_attr(conn->dbc, SQL_ATTR_LOGIN_TIMEOUT,
+                           reinterpret_cast<SQLPOINTER>(uintptr_t{env->login_timeout}), 0);
+  ConnectPlan plan = session_connect_plan(*env, conn->datasource, conn->username, conn->password);
   // Names are passed with their lengths, so a zero byte inside one cannot
   // make the driver read a different name than the page gave.
-  bool fits = conn->datasource.size() <= 32767 && conn->username.size() <= 32767 && conn->password.size() <= 32767;
-  if (ok(r) && !fits) r = SQL_ERROR;
-  if (ok(r))
+  bool fits = conn->datasource.size() <= 32767 && conn->username.size() <= 32767 &&
+              conn->password.size() <= 32767 && plan.text.size() <= 32767;
+  if (ok(r) && (!fits || (plan.use_string && !a.driver_connect))) r = SQL_ERROR;
+  if (ok(r) && plan.use_string) {
+    SQLCHAR completed[1024];
+    SQLSMALLINT completed_length = 0;
+    r = a.driver_connect(conn->dbc, nullptr, sql_text(plan.text), static_cast<SQLSMALLINT>(plan.text.size()),
+                         completed, sizeof completed, &completed_length, SQL_DRIVER_NOPROMPT);
+  } else if (ok(r)) {
     r = a.connect(conn->dbc, sql_text(conn->datasource), static_cast<SQLSMALLINT>(conn->datasource.size()),
                   sql_text(conn->username), static_cast<SQLSMALLINT>(conn->username.size()),
                   sql_text(conn->password), static_cast<SQLSMALLINT>(conn->password.size()));
+  }
   if (!ok(r)) {
     err += "Error connecting to " + conn->datasource + ".\n";
     sql_report_connection_diag(err, conn.get(), r);
@@ -317,6 +386,11 @@ std::unique_ptr<SqlConnection> sql_connect(SqlEnv* env, std::string& err, std::s
     }
     conn->max_column_name = 256;
   }
+  if (!session_prepare(err, conn.get())) {
+    std::string ignored;
+    sql_disconnect(ignored, conn);
+    return nullptr;
+  }
   return conn;
 }
 
@@ -326,6 +400,7 @@ bool sql_disconnect(std::string& err, std::unique_ptr<SqlConnection>& conn) {
     return false;
   }
   if (!conn->open) err += "Datasource not open.  Freeing structure anyway.\n";
+  session_end(conn.get());
   const OdbcApi& a = api_of(conn.get());
   SQLRETURN r = a.disconnect(conn->dbc);
   if (ok(r)) {
@@ -387,6 +462,19 @@ bool sql_query_execute(std::string& err, SqlQuery* q) {
   }
   const OdbcApi& a = api_of(q->connection);
   q->start_ms = now_ms();
+  SqlTransaction transaction = a.end_tran ? sql_transaction_statement(q->text) : SqlTransaction::none;
+  if (transaction != SqlTransaction::none) {
+    // Through the driver, which otherwise ends the transaction itself
+    // after the next statement.
+    bool done = session_transaction(err, q->connection, transaction);
+    q->end_ms = now_ms();
+    if (!done) return false;
+    q->sent = true;
+    q->result = std::make_shared<ResultSet>();
+    q->result->sql = q->text;
+    q->result->executed = true;
+    return true;
+  }
   SQLRETURN r;
   if (!q->stmt) {
     if (!create_statement(err, q)) return false;
@@ -420,26 +508,17 @@ bool sql_query_execute(std::string& err, SqlQuery* q) {
   if (!describe_columns(err, q, count, plans, image, indicators, &first_unbound)) return false;
 
   ResultSet& rs = *q->result;
+  std::string row, value;
+  bool done = true;
   while (ok(r = a.fetch(q->stmt))) {
-    std::vector<ResultCell> row(static_cast<size_t>(count));
-    for (int i = first_unbound; i < count; i++) {
-      SQLUSMALLINT column = static_cast<SQLUSMALLINT>(i + 1);
-      const ColumnPlan& p = plans[i];
-      if (p.slot == 0) {
-        if (!read_long(err, q, column, p.c_type, &row[i])) return false;
-        continue;
-      }
-      SQLRETURN g = a.get_data(q->stmt, column, p.c_type, image.data() + p.offset, p.slot, &indicators[i]);
-      if (!ok(g)) {
-        err += "Error fetching data.\n";
-        sql_report_statement_diag(err, q, g);
-        return false;
-      }
+    if (!read_row(err, q, plans, image, indicators, first_unbound, row, value)) {
+      done = false;
+      break;
     }
-    for (int i = 0; i < count; i++)
-      if (plans[i].slot) row[i] = slot_cell(plans[i], image.data() + plans[i].offset, indicators[i]);
-    rs.rows.push_back(std::move(row));
+    result_add_row(rs, row);
   }
+  result_finish(rs);
+  if (!done) return false;
   if (r != SQL_NO_DATA) {
     err += "Error fetching data.\n";
     sql_report_statement_diag(err, q, r);
@@ -543,23 +622,13 @@ void sql_report_environment_diag(std::string& err, const SqlEnv* env, SQLRETURN 
 // ---------------------------------------------------------------------------
 // Column layout
 
-uint32_t sql_slot_size(SQLSMALLINT sql_type, SQLLEN display_size) {
-  if (is_long_type(sql_type)) return 0;
-  if (sql_type == SQL_TYPE_DATE || sql_type == SQL_TYPE_TIME || sql_type == SQL_TYPE_TIMESTAMP) return 16;
-  // A column without a usable size is read piecewise like a long one, so
-  // a driver's huge or missing display size cannot cost memory per row.
-  if (display_size <= 0 || display_size > 65536) return 0;
-  uint64_t size = static_cast<uint64_t>(display_size) + 1;  // the driver's terminating zero
-  size = (size + 3) & ~uint64_t{3};
-  return static_cast<uint32_t>(size < 8 ? 8 : size);
-}
-
 SQLSMALLINT sql_c_type(SQLSMALLINT sql_type, bool is_unsigned) {
   switch (sql_type) {
+    // Wide text is read as text in the driver's character set; the wide
+    // C type has no value conversion.  A GUID is read as its text.
     case SQL_CHAR: case SQL_VARCHAR: case SQL_LONGVARCHAR: case SQL_DECIMAL:
+    case SQL_WCHAR: case SQL_WVARCHAR: case SQL_WLONGVARCHAR: case SQL_GUID:
       return SQL_C_CHAR;
-    case SQL_WCHAR: case SQL_WVARCHAR: case SQL_WLONGVARCHAR:
-      return SQL_C_WCHAR;
     case SQL_NUMERIC:
       return SQL_C_NUMERIC;
     case SQL_BIT:
@@ -570,12 +639,13 @@ SQLSMALLINT sql_c_type(SQLSMALLINT sql_type, bool is_unsigned) {
       return is_unsigned ? SQL_C_USHORT : SQL_C_SSHORT;
     case SQL_INTEGER:
       return is_unsigned ? SQL_C_ULONG : SQL_C_SLONG;
-    case SQL_BIGINT:
+    // The SQLite driver reports its BIGINT columns with the C type's code.
+    case SQL_BIGINT: case SQL_C_SBIGINT:
       return is_unsigned ? SQL_C_UBIGINT : SQL_C_SBIGINT;
-    // Single precision for FLOAT too, as pages have always seen it.
-    case SQL_REAL: case SQL_FLOAT:
+    case SQL_REAL:
       return SQL_C_FLOAT;
-    case SQL_DOUBLE:
+    // FLOAT is double precision on the servers that report it.
+    case SQL_FLOAT: case SQL_DOUBLE:
       return SQL_C_DOUBLE;
     case SQL_BINARY: case SQL_VARBINARY: case SQL_LONGVARBINARY:
       return SQL_C_BINARY;
@@ -590,9 +660,27 @@ SQLSMALLINT sql_c_type(SQLSMALLINT sql_type, bool is_unsigned) {
   }
 }
 
-// A full piece counts 4,096 bytes, which for binary data drops the last of
-// the 4,097 the driver delivered; pages have always received it that way.
-void sql_append_piece(std::string& out, const char* buffer, SQLLEN indicator) {
-  size_t n = (indicator > 4096 || indicator == SQL_NO_TOTAL) ? 4096 : indicator < 0 ? 0 : static_cast<size_t>(indicator);
-  out.append(buffer, n);
+uint32_t sql_slot_size(SQLSMALLINT sql_type, SQLSMALLINT c_type, SQLLEN display_size, SQLLEN octet_length) {
+  if (is_long_type(sql_type)) return 0;
+  if (c_type == SQL_C_TYPE_DATE || c_type == SQL_C_TYPE_TIME || c_type == SQL_C_TYPE_TIMESTAMP) return 16;
+  if (!is_text_c_type(c_type)) return 8;
+  // A column without a usable size is read piecewise like a long one, so
+  // a driver's huge or missing size cannot cost memory per row.
+  constexpr SQLLEN kLargest = 65536;
+  if (display_size > kLargest || octet_length > kLargest) return 0;
+  SQLLEN bytes = std::max<SQLLEN>(display_size, 0);
+  if (c_type == SQL_C_CHAR) bytes *= 4;  // a UTF-8 character takes up to 4 bytes
+  bytes = std::max<SQLLEN>(bytes, octet_length);
+  if (bytes <= 0) return 0;
+  if (c_type == SQL_C_CHAR) bytes += 1;  // the driver's terminating zero
+  if (bytes > kLargest) return 0;
+  return static_cast<uint32_t>((bytes + 3) & ~SQLLEN{3});
+}
+
+// Text pieces end in the driver's terminating zero, so a full one holds
+// 4,096 bytes; binary pieces fill all 4,097.
+void sql_append_piece(std::string& out, const char* buffer, SQLLEN indicator, SQLSMALLINT c_type) {
+  SQLLEN room = c_type == SQL_C_BINARY ? 4097 : 4096;
+  SQLLEN n = (indicator > room || indicator == SQL_NO_TOTAL) ? room : indicator < 0 ? 0 : indicator;
+  out.append(buffer, static_cast<size_t>(n));
 }

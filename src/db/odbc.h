@@ -17,9 +17,15 @@
 // The driver manager's library name on this platform.
 constexpr std::string_view kOdbcLibrary = "libodbc.so.2";
 
+// Time-outs in seconds; 0 means none.
+constexpr uint32_t kDefaultLoginTimeout = 5;
+constexpr uint32_t kDefaultQueryTimeout = 30;
+
 struct SqlEnv {
   uint8_t driver_set = 0;  // index into the loaded entry-point sets; always 0
   SQLHENV env = nullptr;
+  uint32_t login_timeout = kDefaultLoginTimeout;
+  uint32_t query_timeout = kDefaultQueryTimeout;
 };
 
 struct SqlConnection {
@@ -29,6 +35,10 @@ struct SqlConnection {
   uint64_t connect_ms = 0;
   SQLHDBC dbc = nullptr;
   uint16_t max_column_name = 256;
+  std::string dbms;              // the server's product name, as its driver reports it
+  bool getdata_bound = false;    // the driver reads bound columns again with SQLGetData
+  bool server_timeout = false;   // the server enforces the query time-out itself
+  bool in_transaction = false;   // a page's BEGIN switched to manual commit
 };
 
 // One statement and, once it has run, its complete result set.
@@ -68,13 +78,18 @@ void sql_report_statement_diag(std::string& err, const SqlQuery* query, SQLRETUR
 void sql_report_connection_diag(std::string& err, const SqlConnection* conn, SQLRETURN code);
 void sql_report_environment_diag(std::string& err, const SqlEnv* env, SQLRETURN code);
 
-// Slot size of a bound column: the display size rounded up to a multiple of
-// 4, with room for a character column's terminating zero; 16 for dates and
-// times; 0 for a column read piecewise (long types, or a display size too
-// large to bind).
-uint32_t sql_slot_size(SQLSMALLINT sql_type, SQLLEN display_size);
 // The C type a column of `sql_type` is read as; -1 when there is none.
+// Where the plain mapping would lose data the value is read exactly: FLOAT
+// as a double, a GUID as its text, integers at their own width and sign.
 SQLSMALLINT sql_c_type(SQLSMALLINT sql_type, bool is_unsigned);
+// Size of a bound column's slot for C type `c_type`: the C type's own size
+// for numbers, dates and times; for text the larger of the display size in
+// characters at 4 UTF-8 bytes each and the byte length, plus the
+// terminating zero, rounded up to a multiple of 4; 0 for a column read
+// piecewise (long types, or text without a usable size or longer than
+// 65,536 bytes).
+uint32_t sql_slot_size(SQLSMALLINT sql_type, SQLSMALLINT c_type, SQLLEN display_size, SQLLEN octet_length);
 // Appends one long value's piece: what a 4,097-byte buffer holds after a
-// read that reported `indicator`.
-void sql_append_piece(std::string& out, const char* buffer, SQLLEN indicator);
+// read that reported `indicator` (text leaves room for its terminating
+// zero, binary data fills the buffer).
+void sql_append_piece(std::string& out, const char* buffer, SQLLEN indicator, SQLSMALLINT c_type);

@@ -1,18 +1,63 @@
-// Result sets: counts, column lookup and the row hash that query values read.
+// Result sets: packed rows, counts, column lookup and the row hash that
+// query values read.
 #include "values/result_set.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <type_traits>
 
 namespace {
 
-// Reads a fixed-size slot field; false when the slot is too short, so a
+void pack_length(std::string& row, uint64_t n) {
+  while (n >= 0x80) {
+    row += static_cast<char>((n & 0x7F) | 0x80);
+    n >>= 7;
+  }
+  row += static_cast<char>(n);
+}
+
+// Reads one cell at `pos` of a group and moves past it; false when the
+// group ends first (which a group built by result_add_row never does).
+bool next_cell(std::string_view group, size_t& pos, ResultCell* cell) {
+  uint64_t n = 0;
+  for (int shift = 0;; shift += 7) {
+    if (pos >= group.size() || shift > 63) return false;
+    uint8_t byte = static_cast<uint8_t>(group[pos++]);
+    n |= uint64_t{byte & 0x7Fu} << shift;
+    if (!(byte & 0x80)) break;
+  }
+  if (n == 0) {
+    *cell = ResultCell{true, {}};
+    return true;
+  }
+  if (n - 1 > group.size() - pos) return false;
+  *cell = ResultCell{false, group.substr(pos, n - 1)};
+  pos += n - 1;
+  return true;
+}
+
+// Reads a fixed-size cell field; false when the cell is too short, so a
 // truncated cell gives an empty value instead of a read past its end.
 template <typename T>
-bool read_field(const std::string& data, size_t offset, T* out) {
+bool read_field(std::string_view data, size_t offset, T* out) {
   if (data.size() < offset + sizeof(T)) return false;
   std::memcpy(out, data.data() + offset, sizeof(T));
   return true;
+}
+
+// A 64-bit integer as pages can hold it without loss: an integer in 32
+// bits, else a double that equals it, else its digits.
+template <typename T>
+ValuePtr wide_integer(T n) {
+  bool fits = n <= static_cast<T>(INT32_MAX);
+  if constexpr (std::is_signed_v<T>) fits = fits && n >= static_cast<T>(INT32_MIN);
+  if (fits) return value_from_integer(static_cast<int32_t>(n));
+  double d = static_cast<double>(n);
+  // 2^63 and 2^64 are the first doubles the types cannot hold.
+  constexpr double limit = std::is_signed_v<T> ? 9223372036854775808.0 : 18446744073709551616.0;
+  if (d < limit && d >= -limit && static_cast<T>(d) == n) return value_from_number(d);
+  return value_from_string(std::to_string(n));
 }
 
 ValuePtr date_text(const ResultCell& cell) {
@@ -50,14 +95,52 @@ ValuePtr timestamp_text(const ResultCell& cell) {
 
 }  // namespace
 
+void result_pack_cell(std::string& row, std::string_view data) {
+  pack_length(row, uint64_t{data.size()} + 1);
+  row.append(data);
+}
+
+void result_pack_null(std::string& row) { pack_length(row, 0); }
+
+void result_add_row(ResultSet& rs, std::string_view packed) {
+  if (rs.rows % kRowsPerGroup == 0) {
+    if (!rs.groups.empty()) rs.groups.back().shrink_to_fit();
+    rs.groups.emplace_back();
+  }
+  rs.groups.back().append(packed);
+  rs.rows++;
+}
+
+void result_finish(ResultSet& rs) {
+  if (!rs.groups.empty()) rs.groups.back().shrink_to_fit();
+}
+
+std::vector<ResultCell> result_row_cells(const ResultSet& rs, uint32_t row) {
+  std::vector<ResultCell> cells;
+  if (row >= rs.rows || rs.columns.empty()) return cells;
+  std::string_view group = rs.groups[row / kRowsPerGroup];
+  size_t pos = 0;
+  ResultCell skipped;
+  size_t before = static_cast<size_t>(row % kRowsPerGroup) * rs.columns.size();
+  for (size_t i = 0; i < before; i++)
+    if (!next_cell(group, pos, &skipped)) return cells;
+  cells.resize(rs.columns.size());
+  for (ResultCell& cell : cells)
+    if (!next_cell(group, pos, &cell)) cell = ResultCell{true, {}};
+  return cells;
+}
+
+size_t result_bytes(const ResultSet& rs) {
+  size_t n = rs.groups.capacity() * sizeof(std::string);
+  for (const std::string& g : rs.groups) n += g.capacity() + 1;
+  return n;
+}
+
 uint32_t result_column_count(const ResultSet& rs) {
   return static_cast<uint32_t>(rs.columns.size());
 }
 
-uint32_t result_row_count(const ResultSet& rs) {
-  if (rs.columns.empty()) return 0;
-  return static_cast<uint32_t>(rs.rows.size());
-}
+uint32_t result_row_count(const ResultSet& rs) { return rs.columns.empty() ? 0 : rs.rows; }
 
 int result_column_index(const ResultSet& rs, std::string_view name) {
   for (size_t i = 0; i < rs.columns.size(); i++)
@@ -85,12 +168,24 @@ ValuePtr result_cell_to_value(int type, const ResultCell& cell) {
     case 1:
     case 2:
     case -2:
-      return value_from_string(cell.data);
-    case -28:
-    case -26:
-    case -17:
-    case -16:
+      return value_from_string(std::string(cell.data));
+    case -26: {
+      int8_t n;
+      return read_field(cell.data, 0, &n) ? value_from_integer(n) : value_new();
+    }
+    case -28: {
+      uint8_t n;
+      return read_field(cell.data, 0, &n) ? value_from_integer(n) : value_new();
+    }
     case -15: {
+      int16_t n;
+      return read_field(cell.data, 0, &n) ? value_from_integer(n) : value_new();
+    }
+    case -17: {
+      uint16_t n;
+      return read_field(cell.data, 0, &n) ? value_from_integer(n) : value_new();
+    }
+    case -16: {
       int32_t n;
       return read_field(cell.data, 0, &n) ? value_from_integer(n) : value_new();
     }
@@ -98,6 +193,14 @@ ValuePtr result_cell_to_value(int type, const ResultCell& cell) {
       uint32_t n;
       return read_field(cell.data, 0, &n) ? value_from_number(static_cast<double>(int64_t{n}))
                                           : value_new();
+    }
+    case -25: {
+      int64_t n;
+      return read_field(cell.data, 0, &n) ? wide_integer(n) : value_new();
+    }
+    case -27: {
+      uint64_t n;
+      return read_field(cell.data, 0, &n) ? wide_integer(n) : value_new();
     }
     case -7: {
       uint8_t b;
@@ -112,12 +215,10 @@ ValuePtr result_row_hash(const ResultSet& rs, uint32_t row) {
   ValuePtr hash = value_new();
   hash->type = VT_HASH;
   hash->columns = 2;
-  bool have_row = row < result_row_count(rs);
+  std::vector<ResultCell> cells = result_row_cells(rs, row);
   for (size_t c = 0; c < rs.columns.size(); c++) {
     Value* cell = hash_add_key(hash.get(), rs.columns[c].name);
-    if (!cell || !have_row) continue;
-    const std::vector<ResultCell>& cells = rs.rows[row];
-    if (c < cells.size()) value_assign(cell, result_cell_to_value(rs.columns[c].type, cells[c]).get());
+    if (cell && c < cells.size()) value_assign(cell, result_cell_to_value(rs.columns[c].type, cells[c]).get());
   }
   return hash;
 }

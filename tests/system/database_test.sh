@@ -36,6 +36,8 @@ make_database() {
   sqlite3 "$work/test.db" <<'SQL'
 CREATE TABLE people (id INTEGER, name VARCHAR(20), score DOUBLE);
 INSERT INTO people VALUES (1, 'Ann', 2.5), (2, 'Bob', NULL), (3, 'Cy', 7);
+CREATE TABLE declared (short VARCHAR(5), wide BIGINT);
+INSERT INTO declared VALUES ('éèçàüéèçàüéèçàüéèçàü', 9007199254740993), ('ok', -5), (NULL, 4294967296);
 SQL
 }
 

@@ -25,17 +25,19 @@ class Level4Test : public ::testing::Test {
     rs_ = std::make_shared<ResultSet>();
     rs_->executed = true;
     rs_->columns = {{"Name", 1}, {"age", -16}, {"City", 1}};
-    rs_->rows.push_back({cell("Ann"), cell_int(31), cell("Oslo")});
-    rs_->rows.push_back({cell("Bob"), cell_int(45), cell("Rome")});
+    add_row("Ann", 31, "Oslo");
+    add_row("Bob", 45, "Rome");
     query_->query->result = rs_;
   }
   void TearDown() override { engine_reset(); }
 
-  static ResultCell cell(std::string s) { return ResultCell{false, std::move(s)}; }
-  static ResultCell cell_int(int32_t n) {
-    std::string s(4, '\0');
-    std::memcpy(s.data(), &n, 4);
-    return ResultCell{false, s};
+  void add_row(const char* name, int32_t age, const char* city) {
+    std::string row, n(4, '\0');
+    std::memcpy(n.data(), &age, 4);
+    result_pack_cell(row, name);
+    result_pack_cell(row, n);
+    result_pack_cell(row, city);
+    result_add_row(*rs_, row);
   }
   // The text a reference yields, or "null:" and the diagnostic it wrote.
   std::string ref(std::string_view text) {
@@ -86,7 +88,8 @@ TEST_F(Level4Test, ColumnPositionsFollowNameOrder) {
 
 TEST_F(Level4Test, StatementWithoutResultColumns) {
   rs_->columns.clear();
-  rs_->rows.clear();
+  rs_->groups.clear();
+  rs_->rows = 0;
   EXPECT_EQ("0", ref("q numrows"));
   EXPECT_EQ("0", ref("q numcolumns"));
   EXPECT_EQ(query_, level4_resolve("q column=name"));  // passed over
