@@ -94,13 +94,14 @@ const Page& sub_page(std::unique_ptr<Page>& slot, std::string_view text, uint32_
 void compile_nodes(Page& page) {
   std::vector<uint8_t> ids(page.names.size());
   for (size_t n = 0; n < page.names.size(); n++) ids[n] = tag_id_of(page.names[n]);
-  for (PageNode& node : page.nodes) {
+  for (uint32_t i = 0; i < page.size(); i++) {
+    PageNode& node = page.nodes[i];
     if (!node.is_tag) continue;
     node.tag = ids[node.span.at];
     node.literal = true;
     node.names_literal = true;
     for (uint32_t k = 0; k < node.option_count; k++) {
-      PageOption& option = page.options[node.first_option + k];
+      PageOption& option = page.options[node.first_option() + k];
       option.name_form = has_tag_start(page.text(option.name)) ? FORM_GENERAL : FORM_LITERAL;
       option.atom = option.name_form == FORM_LITERAL ? option_atom(page.text(option.name)) : kAtomUnknown;
       option.value_form = has_tag_start(page.text(option.value)) ? FORM_GENERAL : FORM_LITERAL;
@@ -116,7 +117,11 @@ void compile_nodes(Page& page) {
 }
 
 PagePtr compile_page(std::string_view text, uint32_t first_line) {
-  auto page = std::make_shared<Page>(tokenize_page(text, first_line));
+  return compile_page_bytes(std::string(text), first_line);
+}
+
+PagePtr compile_page_bytes(std::string&& text, uint32_t first_line) {
+  auto page = std::make_shared<Page>(tokenize_page_bytes(std::move(text), first_line));
   compile_nodes(*page);
   return page;
 }

@@ -34,7 +34,7 @@ void print_page_node(const Page& page, uint32_t node, const std::string* stored,
   out.push_back('<');
   out.append(stored ? *stored : page.node_name(node));
   for (uint32_t k = 0; k < n.option_count; k++) {
-    const PageOption& option = page.options[n.first_option + k];
+    const PageOption& option = page.options[n.first_option() + k];
     out.push_back(' ');
     out.append(page.text(option.name));
     if (option.value.size) {
@@ -49,7 +49,7 @@ void print_page_node(const Page& page, uint32_t node, const std::string* stored,
 const PageOption* page_option(const Page& page, uint32_t node, std::string_view name) {
   const PageNode& n = page.nodes[node];
   for (uint32_t k = 0; k < n.option_count; k++) {
-    const PageOption& option = page.options[n.first_option + k];
+    const PageOption& option = page.options[n.first_option() + k];
     if (equals_nocase(page.text(option.name), name)) return &option;
   }
   return nullptr;

@@ -84,9 +84,8 @@ struct PageOption {
 struct PageNode {
   uint32_t line = 0;
   // A text run: its bytes.  A tag: `span.at` is the name's index in
-  // Page::names, `span.size` unused.
+  // Page::names, and `span.size` the index of its first option.
   Span span;
-  uint32_t first_option = 0;
   uint32_t option_count = 0;
   // The node a block tag goes to, resolved by the compiler (kNoNode when
   // none): CVIF and CVELSEIF their next CVELSEIF, CVELSE or /CVIF at the same
@@ -99,12 +98,59 @@ struct PageNode {
   bool literal = true;
   // Every option name is literal (values may hold tags).
   bool names_literal = true;
+
+  uint32_t first_option() const { return span.size; }
+};
+
+// Nodes in blocks of a fixed size: a page grows without copying what it
+// holds, so tokenizing a large page never needs twice its nodes at once.
+class NodeStore {
+ public:
+  static constexpr uint32_t kShift = 12;
+  static constexpr uint32_t kBlock = 1u << kShift;
+  PageNode& operator[](uint32_t i) { return blocks_[i >> kShift][i & (kBlock - 1)]; }
+  const PageNode& operator[](uint32_t i) const { return blocks_[i >> kShift][i & (kBlock - 1)]; }
+  uint32_t size() const { return size_; }
+  void push_back(const PageNode& node) {
+    if (size_ < kBlock) {
+      // The first block grows by doubling, so a short text (an option's
+      // value) holds only a few nodes.
+      if (size_ == first_capacity_) {
+        uint32_t capacity = first_capacity_ ? first_capacity_ * 2 : 4;
+        auto grown = std::make_unique<PageNode[]>(capacity);
+        for (uint32_t k = 0; k < size_; k++) grown[k] = blocks_[0][k];
+        if (blocks_.empty())
+          blocks_.push_back(std::move(grown));
+        else
+          blocks_[0] = std::move(grown);
+        first_capacity_ = capacity;
+      }
+    } else if ((size_ & (kBlock - 1)) == 0) {
+      blocks_.push_back(std::make_unique<PageNode[]>(kBlock));
+    }
+    (*this)[size_++] = node;
+  }
+
+  struct Iterator {
+    const NodeStore* store;
+    uint32_t i;
+    const PageNode& operator*() const { return (*store)[i]; }
+    Iterator& operator++() { ++i; return *this; }
+    bool operator!=(const Iterator& other) const { return i != other.i; }
+  };
+  Iterator begin() const { return {this, 0}; }
+  Iterator end() const { return {this, size_}; }
+
+ private:
+  std::vector<std::unique_ptr<PageNode[]>> blocks_;
+  uint32_t size_ = 0;
+  uint32_t first_capacity_ = 0;
 };
 
 struct Page {
   std::string bytes;               // text runs, option names and values
   std::vector<std::string> names;  // tag names as written, each once
-  std::vector<PageNode> nodes;
+  NodeStore nodes;
   std::vector<PageOption> options;
   // Per name: the last look-up in the name table (a cache for the engine).
   mutable std::vector<NameLookup> lookups;
@@ -112,7 +158,7 @@ struct Page {
   std::string_view text(Span s) const { return std::string_view(bytes).substr(s.at, s.size); }
   std::string_view node_text(uint32_t i) const { return text(nodes[i].span); }
   const std::string& node_name(uint32_t i) const { return names[nodes[i].span.at]; }
-  const PageOption& option(uint32_t node, uint32_t k) const { return options[nodes[node].first_option + k]; }
+  const PageOption& option(uint32_t node, uint32_t k) const { return options[nodes[node].span.size + k]; }
   uint32_t size() const { return static_cast<uint32_t>(nodes.size()); }
 };
 
@@ -133,8 +179,11 @@ const PageOption* page_option(const Page& page, uint32_t node, std::string_view 
 // whole option is kept as the option's name, otherwise a placeholder name;
 // `tag_start` marks the bytes that may begin a tag name.
 Page tokenize_page(std::string_view text, uint32_t first_line, bool keep_option_tags = true);
+// The same, taking over the text as the page's bytes.
+Page tokenize_page_bytes(std::string&& text, uint32_t first_line, bool keep_option_tags = true);
 // Tokenizes and compiles: block ends, built-in ids and option forms.
 PagePtr compile_page(std::string_view text, uint32_t first_line);
+PagePtr compile_page_bytes(std::string&& text, uint32_t first_line);
 // Resolves block ends and option forms of a tokenized page.
 void compile_nodes(Page& page);
 // The compiled page of an option's name or value text, made on first use.

@@ -80,7 +80,7 @@ void node_as_tag(const Page& page, uint32_t node, ParsedTag& out) {
   out.text.clear();
   out.name = page.node_name(node);
   for (uint32_t k = 0; k < n.option_count; k++) {
-    const PageOption& option = page.options[n.first_option + k];
+    const PageOption& option = page.options[n.first_option() + k];
     TagOption& o = out.options.emplace_back();
     o.name.assign(page.text(option.name));
     o.atom = option.atom;

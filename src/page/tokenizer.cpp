@@ -291,11 +291,13 @@ void read_options(Scanner& s, Builder& b, bool keep_option_tags) {
 bool is_tag_start(unsigned char c) { return c == '/' || c == '_' || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
 
 Page tokenize_page(std::string_view text, uint32_t first_line, bool keep_option_tags) {
+  return tokenize_page_bytes(std::string(text), first_line, keep_option_tags);
+}
+
+Page tokenize_page_bytes(std::string&& text, uint32_t first_line, bool keep_option_tags) {
   Page page;
-  page.bytes.assign(text);
-  Builder b{page, {}, {}, uint32_t(text.size())};
-  // Each "<" yields at most a tag and the text after it.
-  page.nodes.reserve(2 * static_cast<size_t>(std::count(text.begin(), text.end(), '<')) + 1);
+  page.bytes = std::move(text);
+  Builder b{page, {}, {}, uint32_t(page.bytes.size())};
   Scanner s{page.bytes, 0, first_line, {}};
   const std::string_view src = s.src;
   while (!s.at_end()) {
@@ -322,14 +324,13 @@ Page tokenize_page(std::string_view text, uint32_t first_line, bool keep_option_
     node.is_tag = true;
     size_t start = s.pos;
     while (!s.at_end() && !ends_tag_name(s.peek())) ++s.pos;
-    node.span = Span{b.name_id(src.substr(start, s.pos - start)), 0};
-    node.first_option = uint32_t(page.options.size());
+    node.span = Span{b.name_id(src.substr(start, s.pos - start)), uint32_t(page.options.size())};
     read_options(s, b, keep_option_tags);
-    node.option_count = uint32_t(page.options.size() - node.first_option);
+    node.option_count = uint32_t(page.options.size() - node.first_option());
     page.nodes.push_back(node);
   }
   page.bytes += b.extra;
-  page.nodes.shrink_to_fit();
+  page.options.shrink_to_fit();
   return page;
 }
 

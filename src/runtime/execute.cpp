@@ -209,7 +209,7 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
   const TagHandler* entries[FastArgs::kMaxRefs];
   uint32_t total = 0;
   for (uint32_t k = 0; k < n.option_count; k++) {
-    const PageOption& option = page.options[n.first_option + k];
+    const PageOption& option = page.options[n.first_option() + k];
     args.ref_first[k] = total;
     if (option.value_form == FORM_LITERAL) continue;
     const Page& value = option.value_page ? *option.value_page : option_value_page(page, option, n.line);
@@ -231,7 +231,7 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
   uint64_t version = engine.names->version;
   uint32_t at = 0;
   for (uint32_t k = 0; k < n.option_count && at < total; k++) {
-    const PageOption& option = page.options[n.first_option + k];
+    const PageOption& option = page.options[n.first_option() + k];
     if (option.value_form == FORM_LITERAL) continue;
     const Page& value = *option.value_page;
     for (const PageNode& ref : value.nodes) {
@@ -250,7 +250,7 @@ bool fast_number(const FastArgs& args, int option, double* out) {
   if (option < 0 || decimal_mode) return false;
   const Page& page = *args.page;
   const PageNode& n = page.nodes[args.node];
-  const PageOption& o = page.options[n.first_option + option];
+  const PageOption& o = page.options[n.first_option() + option];
   const ExprProgram* program = option_program(page, o, n.line);
   uint32_t first = args.ref_first[option], count = args.ref_first[option + 1] - first;
   if (!program || program->references != count) return false;
@@ -272,7 +272,7 @@ bool fast_number(const FastArgs& args, int option, double* out) {
 Value* fast_variable(const FastArgs& args, int option) {
   if (option < 0) return nullptr;
   const Page& page = *args.page;
-  const PageOption& o = page.options[page.nodes[args.node].first_option + option];
+  const PageOption& o = page.options[page.nodes[args.node].first_option() + option];
   if (o.value_form != FORM_LITERAL) return nullptr;
   std::string_view name = trimmed_front(page.text(o.value));
   if (o.bare_name == 0) o.bare_name = is_bare_variable_name(name) ? 2 : 1;
@@ -296,7 +296,7 @@ void fast_to_tag(const FastArgs& args, ParsedTag& tag) {
   tag.options.clear();
   tag.refs.clear();
   for (uint32_t k = 0; k < args.count; k++) {
-    const PageOption& option = page.options[n.first_option + k];
+    const PageOption& option = page.options[n.first_option() + k];
     TagOption& done = tag.options.emplace_back();
     done.name.assign(page.text(option.name));
     done.atom = option.atom;

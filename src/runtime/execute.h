@@ -55,7 +55,7 @@ FastHandlerFn fast_handler(uint8_t tag);
 bool fast_options(const Page& page, uint32_t node, FastArgs& args);
 // The index of the first option with that name, or -1.
 inline int fast_option(const FastArgs& args, OptionKey name) {
-  const PageOption* options = &args.page->options[args.page->nodes[args.node].first_option];
+  const PageOption* options = &args.page->options[args.page->nodes[args.node].first_option()];
   if (name.atom) {
     for (uint32_t k = 0; k < args.count; k++)
       if (options[k].atom == name.atom) return int(k);

@@ -141,7 +141,7 @@ void process_options(const Page& page, uint32_t index, ParsedTag& tag) {
   tag.refs.clear();
   for (uint32_t k = 0; k < node.option_count; k++) {
     if (engine.stop || engine.abandon) break;
-    const PageOption& option = page.options[node.first_option + k];
+    const PageOption& option = page.options[node.first_option() + k];
     TagOption& done = tag.options.emplace_back();
     done.source = &option;
     done.page = &page;

@@ -4,5 +4,5 @@
 PagePtr load_page(const std::string& path) {
   DynStringPtr file = dyn_load_file(path);
   if (!file) return nullptr;
-  return compile_page(file->data, 1);
+  return compile_page_bytes(std::move(file->data), 1);
 }
