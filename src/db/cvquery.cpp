@@ -11,7 +11,7 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
-#include "values/expression.h"
+#include "values/option_number.h"
 #include "values/level4.h"
 #include "values/nocase.h"
 
@@ -234,8 +234,7 @@ ValuePtr cvrowseek_handler(const ParsedTag& tag) {
   uint32_t rows = result_row_count(rs);
 
   auto number_of = [&](const char* option, const std::string& text, int64_t* n) {
-    ValuePtr value = expr_evaluate(text);
-    if (value && expr_value_as_integer(*value, n)) return true;
+    if (evaluate_whole_option(text, n)) return true;
     report_error(tag, "CV-ROWSEEK requires the '" + std::string(option) +
                           "' option to be a number.  See the Corvane documentation for details.");
     return false;

@@ -13,7 +13,7 @@
 #include "functions/random.h"
 #include "functions/regex.h"
 #include "functions/string_functions.h"
-#include "values/expression.h"
+#include "values/option_number.h"
 #include "values/level4.h"
 #include "values/nocase.h"
 
@@ -93,8 +93,7 @@ int case_choice(const ParsedTag& tag) { return choice(tag, "case", "sensitive", 
 
 // A numeric option evaluated as an expression; false after reporting.
 bool number_option(const ParsedTag& tag, std::string_view option, const std::string& text, int64_t* out) {
-  ValuePtr result = expr_evaluate(text);
-  if (expr_value_as_integer(*result, out)) return true;
+  if (evaluate_whole_option(text, out)) return true;
   report_error(tag, std::string(kTag) + " requires the '" + std::string(option) +
                         "' option to be either a blank string or a number.");
   return false;

@@ -6,7 +6,7 @@
 
 #include "engine/engine.h"
 #include "engine/report.h"
-#include "values/expression.h"
+#include "values/option_number.h"
 
 namespace {
 
@@ -76,13 +76,8 @@ void evaluate_branch(const ParsedTag& tag) {
     report_error(tag, option_required_message(tag.name, "condition"));
     return;
   }
-  bool numeric = false;
   bool truth = false;
-  {
-    ValuePtr result = expr_evaluate(*condition);
-    if (result) truth = expr_value_truth(*result, &numeric);
-  }
-  if (!numeric) {
+  if (!evaluate_condition(*condition, &truth)) {
     report_error(tag, tag.name + " requires the 'condition' option to be either a blank string or a number.");
     return;
   }

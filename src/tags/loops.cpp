@@ -6,8 +6,8 @@
 
 #include "engine/engine.h"
 #include "engine/report.h"
-#include "values/expression.h"
 #include "values/level4.h"
+#include "values/option_number.h"
 
 namespace {
 
@@ -39,18 +39,14 @@ bool is_tag_named(const ParsedTag* node, std::string_view name) {
 // Evaluates a condition text; false in `numeric` when the result is not a
 // number of either kind.
 bool condition_truth(const std::string& text, bool* numeric) {
-  *numeric = false;
-  ValuePtr result = expr_evaluate(text);
-  return result ? expr_value_truth(*result, numeric) : false;
+  bool truth = false;
+  *numeric = evaluate_condition(text, &truth);
+  return truth;
 }
 
 // Evaluates a numeric option ("initial", "increment"); null when the result
 // is not a number.
-ValuePtr numeric_option(const std::string& text) {
-  ValuePtr result = expr_evaluate(text);
-  if (!result || !value_is_numeric(*result)) return nullptr;
-  return result;
-}
+ValuePtr numeric_option(const std::string& text) { return evaluate_number_option(text); }
 
 // The closing tag a closing handler returns from: the opening tag on top of
 // the stack becomes the current node again, with the closing tag in its
@@ -107,33 +103,27 @@ const ParsedTag* cvwhile_skip_target(const ParsedTag* from) {
   return from->block_end;
 }
 
-// Adds the increment to the loop variable's number.  A value of the other
-// numeric kind is converted to the increment's kind first: a floating-point
-// value through its 15-decimal text into a decimal, a decimal into the
-// nearest floating-point number.  Without an increment, one is added in the
-// value's own kind.
+// Adds the increment to the loop variable's number (both decimal or floating
+// point).  A value of the other numeric kind is converted to the increment's
+// kind first: a floating-point value through its 15-decimal text into a
+// decimal, a decimal into the nearest floating-point number.  Without an
+// increment, one is added in the value's own kind.
 ValuePtr step_value(const Value& current, const Value* increment) {
   if (!increment) {
     if (current.type == VT_DECIMAL) return value_from_decimal(decimal_add(current.decimal, decimal_from_int(1)));
-    if (current.type == VT_INTEGER) return value_from_number(static_cast<double>(current.integer) + 1.0);
     return value_from_number(current.number + 1.0);
   }
   if (increment->type == VT_DECIMAL) {
     Decimal base;
     if (current.type == VT_DECIMAL) {
       base = current.decimal;
-    } else if (current.type == VT_INTEGER) {
-      base = decimal_from_int(current.integer);
     } else {
       base = decimal_from_double(current.number);
     }
     return value_from_decimal(decimal_add(base, increment->decimal));
   }
-  double step = increment->type == VT_INTEGER ? static_cast<double>(increment->integer) : increment->number;
-  double base = current.number;
-  if (current.type == VT_DECIMAL) base = decimal_to_double(current.decimal);
-  if (current.type == VT_INTEGER) base = static_cast<double>(current.integer);
-  return value_from_number(base + step);
+  double base = current.type == VT_DECIMAL ? decimal_to_double(current.decimal) : current.number;
+  return value_from_number(base + increment->number);
 }
 
 // First arrival: initialise the variable, find the /CVFOR and stack it
@@ -202,7 +192,7 @@ void cvfor_step(const ParsedTag& tag, PageContext* ctx, const std::string& var_n
     return;
   }
   ValuePtr current = value_to_number(*var);
-  if (!current || !value_is_numeric(*current)) {
+  if (!current || !is_option_number(*current)) {
     report_error(tag, not_numeric_message("CVFOR", "var"));
     return;
   }

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "engine/report.h"
-#include "values/expression.h"
+#include "values/option_number.h"
 #include "values/level4.h"
 #include "values/nocase.h"
 
@@ -168,9 +168,8 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
       report_error(tag, kListElementRequired);
       return value_new();
     }
-    ValuePtr result = expr_evaluate(*element);
     int64_t n = 0;
-    if (!result || !expr_value_as_integer(*result, &n)) {
+    if (!evaluate_whole_option(*element, &n)) {
       report_error(tag, kListElementNotNumber);
       return value_new();
     }

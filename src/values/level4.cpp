@@ -8,7 +8,7 @@
 
 #include "engine/engine.h"
 #include "engine/report.h"
-#include "values/expression.h"
+#include "values/option_number.h"
 #include "values/level4_query.h"
 #include "values/vartable.h"
 
@@ -310,10 +310,7 @@ Value* level4_fail(std::string_view message) {
   return nullptr;
 }
 
-bool level4_option_integer(std::string_view text, int64_t* out) {
-  ValuePtr result = expr_evaluate(text);
-  return result && expr_value_as_integer(*result, out);
-}
+bool level4_option_integer(std::string_view text, int64_t* out) { return evaluate_whole_option(text, out); }
 
 int level4_hash_position(const Value& hash, const Value* cell) {
   if (!cell) return -1;
