@@ -11,9 +11,9 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
-#include "values/option_number.h"
 #include "values/level4.h"
 #include "values/nocase.h"
+#include "values/option_number.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 #include "values/decimal_functions.h"
 #include "values/expression.h"
 #include "values/level4.h"
-#include "values/option_number.h"
 #include "values/nocase.h"
+#include "values/option_number.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include "functions/random.h"
 #include "functions/regex.h"
 #include "functions/string_functions.h"
-#include "values/option_number.h"
 #include "values/level4.h"
 #include "values/nocase.h"
+#include "values/option_number.h"
 
 namespace {
 
