@@ -16,6 +16,13 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "values/result_set.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -253,8 +260,7 @@ ValuePtr cvrowseek_handler(const ParsedTag& tag) {
   uint32_t rows = result_row_count(rs);
 
   auto number_of = [&](const char* option, const std::string& text, int64_t* n) {
-    ValuePtr value = expr_evaluate(text);
-    if (value && expr_value_as_integer(*value, n)) return true;
+    if (evaluate_whole_option(text, n)) return true;
     report_error(tag, "CV-ROWSEEK requires the '" + std::string(option) +
                           "' option to be a number.  See the Corvane documentation for details.");
     return false;

@@ -26,6 +26,9 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -190,15 +193,13 @@ ValuePtr run_dirinfo(const ParsedTag& tag) {
 ValuePtr run_sleep(const ParsedTag& tag) {
   const std::string* value = tag_option(tag, "value");
   if (!value) return report_failure(tag, with_function_message("value", "sleep"));
-  ValuePtr v = expr_evaluate(*value);
+  ValuePtr v = evaluate_number_option(*value);
   if (engine.stop) return value_new();
   double ms = -1;
   if (v && v->type == VT_DECIMAL && !decimal_is_negative(v->decimal))
-    ms = std::strtod(decimal_to_text(v->decimal).c_str(), nullptr);
+    ms = decimal_to_double(v->decimal);
   else if (v && v->type == VT_NUMBER && v->number >= -0.000001)
     ms = v->number;
-  else if (v && v->type == VT_INTEGER && v->integer >= 0)
-    ms = v->integer;
   if (ms < -0.000001 || ms != ms) return report_failure(tag, kBadSleep);
   int64_t whole = ms > kMaxSleepMs ? kMaxSleepMs : static_cast<int64_t>(ms);
   if (whole <= 0) return value_new();

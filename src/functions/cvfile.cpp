@@ -16,6 +16,12 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -84,16 +90,6 @@ ValuePtr offset_value(int64_t n) {
 
 void store(Value* dest, ValuePtr v) { value_assign(dest, v.get()); }
 
-// A number option as a whole number: decimal through its integer part,
-// floating point truncated.  False for anything that is not a number.
-bool whole_number(const Value& v, int64_t* out) {
-  if (v.type == VT_INTEGER) {
-    *out = v.integer;
-    return true;
-  }
-  return (v.type == VT_DECIMAL || v.type == VT_NUMBER) && expr_value_as_integer(v, out);
-}
-
 int64_t file_size(std::FILE* f) {
   off_t here = ftello(f);
   fseeko(f, 0, SEEK_END);
@@ -132,10 +128,10 @@ ValuePtr open_file(const ParsedTag& tag, const std::string& path) {
 // With a handle
 
 ValuePtr seek_file(const ParsedTag& tag, std::FILE* f, const std::string& seek) {
-  ValuePtr amount = expr_evaluate(seek);
-  if (engine.stop) return value_new();
   int64_t target = 0;
-  if (!amount || !whole_number(*amount, &target)) return report_failure(tag, kSeekNotNumber);
+  bool number = evaluate_whole_option(seek, &target);
+  if (engine.stop) return value_new();
+  if (!number) return report_failure(tag, kSeekNotNumber);
   int64_t size = file_size(f);
   const std::string* position = tag_option(tag, "position");
   if (!position || keyword_is(*position, "start")) {
@@ -186,10 +182,10 @@ ValuePtr read_file(const ParsedTag& tag, std::FILE* f, const std::string& how) {
       bytes = read_line(f);
     }
   } else {
-    ValuePtr count_value = expr_evaluate(how);
-    if (engine.stop) return value_new();
     int64_t count = 0;
-    if (!count_value || !whole_number(*count_value, &count)) return report_failure(tag, kReadNotNumber);
+    bool number = evaluate_whole_option(how, &count);
+    if (engine.stop) return value_new();
+    if (!number) return report_failure(tag, kReadNotNumber);
     if (count < 0) return report_failure(tag, kReadNegative);
     int64_t left = file_size(f) - ftello(f);
     size_t want = static_cast<size_t>(std::max<int64_t>(0, std::min(count, left)));
@@ -224,8 +220,10 @@ ValuePtr store_into(const ParsedTag& tag, std::string_view option, ValuePtr v) {
 ValuePtr handle_operation(const ParsedTag& tag) {
   Value* handle_var = obtain(tag, "filevar");
   if (!handle_var) return value_new();
+  // The handle openfile stored is an integer; a page may also have put it
+  // there as a number of either kind.
   int64_t handle = -1;
-  if (!whole_number(*handle_var, &handle)) handle = -1;
+  if (!stored_handle(*handle_var, &handle)) handle = -1;
   std::vector<OpenFile>& table = open_files();
   if (handle < 0 || handle >= static_cast<int64_t>(table.size()) || !table[handle].stream)
     return report_failure(tag, kBadHandle);

@@ -15,6 +15,10 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "runtime/expression.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -107,19 +111,18 @@ const Operation* find_operation(std::string_view name) {
   return it;
 }
 
-// Evaluates a numeric option.  An integer counts as a number of the current
-// mode.  Null after a report when the option is missing or not a number,
-// or when a tag run by the evaluation has stopped the page.
+// Evaluates a numeric option.  Null after a report when the option is
+// missing or not a number (an integer is not one), or when a tag run by the
+// evaluation has stopped the page.
 ValuePtr read_number(const ParsedTag& tag, std::string_view option) {
   const std::string* text = tag_option(tag, option);
   if (!text) {
     report_error(tag, option_required_message("CV-MATH", option));
     return nullptr;
   }
-  ValuePtr v = expr_evaluate(*text);
+  ValuePtr v = evaluate_number_option(*text);
   if (engine.stop) return nullptr;
-  if (v && v->type == VT_INTEGER) v = value_to_number(*v);
-  if (!v || (v->type != VT_DECIMAL && v->type != VT_NUMBER)) {
+  if (!v) {
     report_error(tag, kNotNumber);
     return nullptr;
   }

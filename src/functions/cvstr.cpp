@@ -16,6 +16,9 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -93,8 +96,7 @@ int case_choice(const ParsedTag& tag) { return choice(tag, "case", "sensitive", 
 
 // A numeric option evaluated as an expression; false after reporting.
 bool number_option(const ParsedTag& tag, std::string_view option, const std::string& text, int64_t* out) {
-  ValuePtr result = expr_evaluate(text);
-  if (expr_value_as_integer(*result, out)) return true;
+  if (evaluate_whole_option(text, out)) return true;
   report_error(tag, std::string(kTag) + " requires the '" + std::string(option) +
                         "' option to be either a blank string or a number.");
   return false;

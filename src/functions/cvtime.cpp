@@ -1,7 +1,6 @@
 // CV-TIME: option checks and the three uses of the tag (now, format, parse).
 #include "functions/cvtime.h"
 
-#include <cstdlib>
 #include <string>
 
 #include "runtime/run.h"
@@ -11,6 +10,12 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "base/dates.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -21,17 +26,6 @@ constexpr std::string_view kBadSerial =
     "CV-TIME requires 'var' to be a valid ODBC-compliant number.  See the Corvane documentation for details.";
 constexpr std::string_view kNotObtained =
     "An error occurred in obtaining the CV-TIME variable.  See the diagnostic message above for details.";
-
-// The serial in `value`: a decimal number is read through its text; an
-// integer counts as the whole number it is.
-bool serial_from(const Value& v, double* out) {
-  switch (v.type) {
-    case VT_NUMBER: *out = v.number; return true;
-    case VT_INTEGER: *out = v.integer; return true;
-    case VT_DECIMAL: *out = std::strtod(decimal_to_text(v.decimal).c_str(), nullptr); return true;
-    default: return false;
-  }
-}
 
 }  // namespace
 
@@ -49,10 +43,11 @@ ValuePtr cvtime_handler(const ParsedTag& tag) {
   if (!var) {
     if (!value) return value_from_number(date_now());
     if (!format) return report_failure(tag, option_required_message("CV-TIME", "format"));
-    ValuePtr result = expr_evaluate(*value);
-    if (engine.stop) return value_new();
+    // A decimal serial is read through its text, its fraction kept.
     double serial = 0;
-    if (!result || !serial_from(*result, &serial)) return report_failure(tag, kNotNumber);
+    bool number = evaluate_real_option(*value, &serial);
+    if (engine.stop) return value_new();
+    if (!number) return report_failure(tag, kNotNumber);
     std::optional<std::string> text = date_format(serial, local, *format);
     if (!text) return report_failure(tag, kBadSerial);
     return value_from_string(std::move(*text));

@@ -19,6 +19,9 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -54,13 +57,8 @@ bool non_negative_option(const std::string& text, double blank, double* out) {
     *out = blank;
     return true;
   }
-  ValuePtr v = expr_evaluate(text);
-  if (!v) return false;
   double d;
-  if (v->type == VT_INTEGER) d = v->integer;
-  else if (v->type == VT_NUMBER) d = v->number;
-  else if (v->type == VT_DECIMAL) d = decimal_to_double(v->decimal);
-  else return false;
+  if (!evaluate_real_option(text, &d)) return false;
   if (!(d >= 0) || !std::isfinite(d)) return false;
   *out = d;
   return true;
@@ -553,11 +551,9 @@ ValuePtr cvweb_handler(const ParsedTag& tag) {
   }
   const std::string* server = tag_option(tag, "server");
   if (!server) {
-    double index = -1;
-    if (socket_value->type == VT_INTEGER) index = socket_value->integer;
-    else if (socket_value->type == VT_NUMBER) index = socket_value->number;
-    else if (socket_value->type == VT_DECIMAL) index = decimal_to_double(socket_value->decimal);
-    if (!(index >= 0) || index >= static_cast<double>(g_connections.size()) ||
+    int64_t index = -1;
+    if (!stored_handle(*socket_value, &index)) index = -1;
+    if (index < 0 || index >= static_cast<int64_t>(g_connections.size()) ||
         !g_connections[static_cast<size_t>(index)]) {
       report_error(tag, "CVWEB requires the 'socketvar' option to contain a valid indirect reference to an open socket.");
       return value_new();

@@ -63,8 +63,11 @@ ValuePtr evaluate_word(std::string_view text) {
     node_as_tag(page, 0, tag);
     ValuePtr v = call_variable_tag(tag);
     if (v) {
-      if (v->type == VT_NUMBER && decimal_mode) return value_from_decimal(decimal_from_double(v->number));
-      if (v->type == VT_DECIMAL && !decimal_mode) return value_from_number(decimal_to_double(v->decimal));
+      // A number of the other mode's kind takes the number form, so a
+      // decimal read in floating-point mode keeps only its integer part.
+      // Integers and other kinds stay as they are.
+      if ((v->type == VT_NUMBER && decimal_mode) || (v->type == VT_DECIMAL && !decimal_mode))
+        return value_to_number(*v);
       return v;
     }
   }
@@ -103,11 +106,8 @@ bool expr_value_as_integer(const Value& v, int64_t* out) {
         *out = int64_t(d);
       return true;
     }
-    case VT_INTEGER:
-      *out = v.integer;
-      return true;
     default:
-      return false;
+      return false;  // integers too: they are not a numeric option's kind
   }
 }
 
@@ -117,7 +117,6 @@ bool expr_value_truth(const Value& v, bool* numeric) {
     case VT_DECIMAL: truth = !decimal_is_zero(v.decimal); break;
     // Exactly 0.000001 and -0.000001 are true.
     case VT_NUMBER: truth = !(v.number > -0.000001 && v.number < 0.000001); break;
-    case VT_INTEGER: truth = v.integer != 0; break;
     default: is_number = false; break;
   }
   if (numeric) *numeric = is_number;

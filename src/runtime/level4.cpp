@@ -10,6 +10,10 @@
 #include "runtime/report.h"
 #include "runtime/expression.h"
 #include "runtime/level4_query.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "runtime/option_number.h"
+#include "runtime/level4_query.h"
 #include "values/vartable.h"
 
 namespace {
@@ -309,10 +313,7 @@ Value* level4_fail(std::string_view message) {
   return nullptr;
 }
 
-bool level4_option_integer(std::string_view text, int64_t* out) {
-  ValuePtr result = expr_evaluate(text);
-  return result && expr_value_as_integer(*result, out);
-}
+bool level4_option_integer(std::string_view text, int64_t* out) { return evaluate_whole_option(text, out); }
 
 int level4_hash_position(const Value& hash, const Value* cell) {
   if (!cell) return -1;

@@ -8,6 +8,7 @@
 #include "runtime/report.h"
 #include "runtime/execute.h"
 #include "runtime/expression.h"
+#include "runtime/option_number.h"
 
 namespace {
 

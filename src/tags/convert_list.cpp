@@ -10,6 +10,10 @@
 #include "runtime/expression.h"
 #include "runtime/level4.h"
 #include "base/nocase.h"
+#include "runtime/report.h"
+#include "runtime/option_number.h"
+#include "runtime/level4.h"
+#include "base/nocase.h"
 
 namespace {
 
@@ -168,9 +172,8 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
       report_error(tag, kListElementRequired);
       return value_new();
     }
-    ValuePtr result = expr_evaluate(*element);
     int64_t n = 0;
-    if (!result || !expr_value_as_integer(*result, &n)) {
+    if (!evaluate_whole_option(*element, &n)) {
       report_error(tag, kListElementNotNumber);
       return value_new();
     }

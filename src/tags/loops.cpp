@@ -9,6 +9,7 @@
 #include "runtime/expression.h"
 #include "runtime/execute.h"
 #include "runtime/level4.h"
+#include "runtime/option_number.h"
 
 namespace {
 
@@ -45,7 +46,7 @@ bool condition_truth(const ParsedTag& tag, bool* numeric) {
 // is not a number.
 ValuePtr numeric_option(const ParsedTag& tag, OptionKey name) {
   ValuePtr result = option_evaluate(tag, name);
-  if (!result || !value_is_numeric(*result)) return nullptr;
+  if (!result || !is_option_number(*result)) return nullptr;
   return result;
 }
 
@@ -62,33 +63,27 @@ bool return_to_opening(uint8_t open) {
   return true;
 }
 
-// Adds the increment to the loop variable's number.  A value of the other
-// numeric kind is converted to the increment's kind first: a floating-point
-// value through its 15-decimal text into a decimal, a decimal into the
-// nearest floating-point number.  Without an increment, one is added in the
-// value's own kind.
+// Adds the increment to the loop variable's number (both decimal or floating
+// point).  A value of the other numeric kind is converted to the increment's
+// kind first: a floating-point value through its 15-decimal text into a
+// decimal, a decimal into the nearest floating-point number.  Without an
+// increment, one is added in the value's own kind.
 ValuePtr step_value(const Value& current, const Value* increment) {
   if (!increment) {
     if (current.type == VT_DECIMAL) return value_from_decimal(decimal_add(current.decimal, decimal_from_int(1)));
-    if (current.type == VT_INTEGER) return value_from_number(static_cast<double>(current.integer) + 1.0);
     return value_from_number(current.number + 1.0);
   }
   if (increment->type == VT_DECIMAL) {
     Decimal base;
     if (current.type == VT_DECIMAL) {
       base = current.decimal;
-    } else if (current.type == VT_INTEGER) {
-      base = decimal_from_int(current.integer);
     } else {
       base = decimal_from_double(current.number);
     }
     return value_from_decimal(decimal_add(base, increment->decimal));
   }
-  double step = increment->type == VT_INTEGER ? static_cast<double>(increment->integer) : increment->number;
-  double base = current.number;
-  if (current.type == VT_DECIMAL) base = decimal_to_double(current.decimal);
-  if (current.type == VT_INTEGER) base = static_cast<double>(current.integer);
-  return value_from_number(base + step);
+  double base = current.type == VT_DECIMAL ? decimal_to_double(current.decimal) : current.number;
+  return value_from_number(base + increment->number);
 }
 
 // First arrival: initialise the variable, find the /CVFOR and stack it
@@ -157,7 +152,7 @@ void cvfor_step(const ParsedTag& tag, PageContext* ctx, const TagOption& var_nam
     return;
   }
   ValuePtr current = value_to_number(*var);
-  if (!current || !value_is_numeric(*current)) {
+  if (!current || !is_option_number(*current)) {
     report_error(tag, not_numeric_message("CVFOR", "var"));
     return;
   }

@@ -98,12 +98,14 @@ TEST(ExpressionTest, IntegerAndTruthOfValues) {
   EXPECT_TRUE(expr_value_as_integer(*value_from_decimal(decimal_from_text("-12.75")), &n));
   EXPECT_EQ(-12, n);
   EXPECT_FALSE(expr_value_as_integer(*value_from_string("5"), &n));
+  EXPECT_FALSE(expr_value_as_integer(*value_from_integer(5), &n));  // not a numeric option's kind
   bool numeric = false;
   EXPECT_TRUE(expr_value_truth(*value_from_number(-0.000001), &numeric));
   EXPECT_TRUE(numeric);
   EXPECT_FALSE(expr_value_truth(*value_from_number(0.0000009), &numeric));
   EXPECT_TRUE(expr_value_truth(*value_from_decimal(decimal_from_text("0.0000000001")), &numeric));
-  EXPECT_FALSE(expr_value_truth(*value_from_integer(0), &numeric));
+  expr_value_truth(*value_from_integer(1), &numeric);
+  EXPECT_FALSE(numeric);  // an integer is not a condition's kind
   expr_value_truth(*value_from_string("1"), &numeric);
   EXPECT_FALSE(numeric);
 }

@@ -1,0 +1,45 @@
+// Numbers read from evaluated option texts, and handles read back from the
+// variables tags stored them in.
+#include "runtime/option_number.h"
+
+#include <cmath>
+
+#include "values/decimal.h"
+#include "runtime/expression.h"
+
+bool is_option_number(const Value& v) { return v.type == VT_DECIMAL || v.type == VT_NUMBER; }
+
+ValuePtr evaluate_number_option(std::string_view text) {
+  ValuePtr v = expr_evaluate(text);
+  if (!v || !is_option_number(*v)) return nullptr;
+  return v;
+}
+
+bool evaluate_whole_option(std::string_view text, int64_t* out) {
+  ValuePtr v = evaluate_number_option(text);
+  return v && expr_value_as_integer(*v, out);
+}
+
+bool evaluate_real_option(std::string_view text, double* out) {
+  ValuePtr v = evaluate_number_option(text);
+  if (!v) return false;
+  *out = v->type == VT_DECIMAL ? decimal_to_double(v->decimal) : v->number;
+  return true;
+}
+
+bool evaluate_condition(std::string_view text, bool* truth) {
+  ValuePtr v = expr_evaluate(text);
+  bool numeric = false;
+  if (v) *truth = expr_value_truth(*v, &numeric);
+  return numeric;
+}
+
+bool stored_handle(const Value& v, int64_t* out) {
+  if (v.type == VT_INTEGER) {
+    *out = v.integer;
+    return true;
+  }
+  // Not a number names no slot (the option readers take it as 0).
+  if (v.type == VT_NUMBER && std::isnan(v.number)) return false;
+  return expr_value_as_integer(v, out);
+}
