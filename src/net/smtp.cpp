@@ -24,11 +24,15 @@ std::string read_reply(NetConn& conn) {
   const size_t limit = net_limits().line_max;
   std::string reply, line;
   for (;;) {
-    if (!net_read_raw_line(conn, line, limit - std::min(limit, reply.size()))) {
+    if (!net_read_raw_line(conn, line, limit)) {
       if (conn.note.empty()) {  // the server closed: what came is the reply
         reply += net_unread(conn);
         net_consume(conn, net_unread(conn).size());
       }
+      return reply;
+    }
+    if (reply.size() + line.size() > limit) {
+      conn.note = net_limit_text("A reply from the server", limit, "bytes", "CVML_NET_LINE_MAX");
       return reply;
     }
     reply += line;
