@@ -2,6 +2,7 @@
 // the run-wide connection table that socket numbers index.
 #include "net/cvweb.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <memory>
@@ -708,8 +709,12 @@ ValuePtr cvweb_handler(const ParsedTag& tag) {
 }
 
 void cvweb_close_all() {
+  // The goodbyes at the end of the run get a few seconds of their own.
+  constexpr int kCloseSeconds = 5;
   for (std::unique_ptr<NetConn>& conn : g_connections) {
-    if (conn) close_by_kind(*conn);
+    if (!conn) continue;
+    net_start_deadline(*conn, std::min(kCloseSeconds, net_limits().deadline_seconds));
+    close_by_kind(*conn);
   }
   g_connections.clear();
 }

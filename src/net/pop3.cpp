@@ -37,7 +37,12 @@ bool expect_ok(std::string& err, NetConn& conn, std::string& reply) {
     std::string_view rest = net_unread(conn);
     reply.assign(rest.substr(0, 256));
     net_consume(conn, rest.size());
-    net_take_note(conn, err);
+    // A reply cut short by a limit or the deadline counts as none.
+    if (!conn.note.empty()) {
+      net_take_note(conn, err);
+      refuse(err, reply);
+      return false;
+    }
   }
   if (is_positive(reply)) return true;
   refuse(err, reply);

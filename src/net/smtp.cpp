@@ -53,7 +53,8 @@ void refuse(std::string& err, NetConn& conn, std::string_view code, const std::s
 // "220 ", "250 " or "354 ": the reply must begin with the code and a blank.
 bool expect(std::string& err, NetConn& conn, std::string_view code) {
   std::string reply = read_reply(conn);
-  if (reply.size() >= 4 && reply.compare(0, 3, code) == 0 && reply[3] == ' ') return true;
+  // A reply cut short by a limit or the deadline counts as none.
+  if (conn.note.empty() && reply.size() >= 4 && reply.compare(0, 3, code) == 0 && reply[3] == ' ') return true;
   refuse(err, conn, code, reply);
   return false;
 }
@@ -63,7 +64,7 @@ bool expect(std::string& err, NetConn& conn, std::string_view code) {
 bool expect_final(std::string& err, NetConn& conn, std::string_view code, std::string& reply) {
   reply = read_reply(conn);
   size_t pos = 0;
-  while (pos < reply.size()) {
+  while (conn.note.empty() && pos < reply.size()) {
     size_t end = reply.find('\n', pos);
     std::string_view line = std::string_view(reply).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
     pos = end == std::string::npos ? reply.size() : end + 1;
@@ -127,6 +128,10 @@ SmtpExtensions read_extensions(std::string_view reply) {
 bool greet(std::string& err, NetConn& conn, SmtpState& state, const std::string& name) {
   if (!send_command(err, conn, "EHLO " + name + "\r\n", "Error sending EHLO " + name + "\n")) return false;
   std::string reply = read_reply(conn);
+  if (!conn.note.empty()) {
+    refuse(err, conn, "250", reply);
+    return false;
+  }
   if (reply.size() >= 4 && reply.compare(0, 3, "250") == 0) {
     // The last line ends the reply with "250 ".
     size_t last = reply.rfind('\n', reply.size() >= 2 ? reply.size() - 2 : 0);
