@@ -287,6 +287,7 @@ bool transfer(std::string& err, NetConn& conn, const std::string& line, std::str
   if (moved) {
     moved = received ? receive_all(err, link.conn, *received, listing) : net_send(link.conn, sent);
     if (!moved && !received) net_take_note(link.conn, err);
+    if (moved && !received) tls_finish_sending(link.conn);
   }
   net_close(link.conn);
   if (!moved) err += "Error:  The data connection failed before the transfer was complete.\n";
@@ -354,6 +355,7 @@ bool ftp_set_server(NetConn& conn, std::string_view host, int port, std::string_
   if (base_data_port < 0 || base_data_port > 65535) base_data_port = kFtpDefaultDataPort;
   state->base_data_port = state->next_data_port = base_data_port;
   conn.port = port;
+  conn.tls_options.resumable = true;
   return true;
 }
 

@@ -29,6 +29,10 @@ struct NetTlsOptions {
   uint8_t mode = TLS_DEFAULT;
   bool verify = true;   // certificate chain and host name
   std::string ca_file;  // trusted certificates; empty: the system's store
+  // Keep every session the server offers for later connections: FTP
+  // servers insist that each data connection resumes the control
+  // connection's session, and a TLS 1.3 session resumes only once.
+  bool resumable = false;
 };
 
 // One socket.  The handle is closed when the record is destroyed.

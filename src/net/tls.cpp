@@ -8,12 +8,25 @@
 #include <openssl/x509v3.h>
 
 #include <cstring>
+#include <deque>
+#include <memory>
+
+// Sessions the server offered on a resumable context, oldest first; the
+// connection that made the context owns it.
+struct SessionPool {
+  std::deque<SSL_SESSION*> sessions;
+  ~SessionPool() {
+    for (SSL_SESSION* s : sessions) SSL_SESSION_free(s);
+  }
+};
 
 struct TlsSession {
   SSL_CTX* context = nullptr;
   SSL* ssl = nullptr;
+  std::unique_ptr<SessionPool> pool;  // set on the connection that made a resumable context
   ~TlsSession() {
     if (ssl) SSL_free(ssl);
+    if (pool) SSL_CTX_set_app_data(context, nullptr);
     if (context) SSL_CTX_free(context);
   }
 };
@@ -46,6 +59,36 @@ void note_timeout(NetConn& conn) {
                 " seconds (CVML_NET_TIMEOUT).\n";
 }
 
+// Keeps each session a server offers (TLS 1.3 servers send tickets after
+// the handshake, one use each), at most eight.
+int remember_session(SSL* ssl, SSL_SESSION* session) {
+  auto* pool = static_cast<SessionPool*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+  if (!pool) return 0;
+  pool->sessions.push_back(session);
+  if (pool->sessions.size() > 8) {
+    SSL_SESSION_free(pool->sessions.front());
+    pool->sessions.pop_front();
+  }
+  return 1;  // the pool holds the reference
+}
+
+// A session to offer again: a TLS 1.3 one is used up, a TLS 1.2 one stays
+// for the next connection.
+SSL_SESSION* take_session(const NetConn& from) {
+  void* data = SSL_CTX_get_app_data(from.tls->context);
+  auto* pool = static_cast<SessionPool*>(data);
+  if (pool && !pool->sessions.empty()) {
+    SSL_SESSION* session = pool->sessions.back();
+    if (SSL_SESSION_get_protocol_version(session) >= TLS1_3_VERSION) {
+      pool->sessions.pop_back();
+      return session;
+    }
+    SSL_SESSION_up_ref(session);
+    return session;
+  }
+  return SSL_get1_session(from.tls->ssl);
+}
+
 bool is_address(const std::string& host) {
   unsigned char probe[16];
   return inet_pton(AF_INET, host.c_str(), probe) == 1 || inet_pton(AF_INET6, host.c_str(), probe) == 1;
@@ -69,6 +112,12 @@ bool tls_start(std::string& err, NetConn& conn, const NetConn* resume) {
       return false;
     }
     SSL_CTX_set_min_proto_version(session->context, TLS1_2_VERSION);
+    if (conn.tls_options.resumable) {
+      session->pool = std::make_unique<SessionPool>();
+      SSL_CTX_set_app_data(session->context, session->pool.get());
+      SSL_CTX_set_session_cache_mode(session->context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL_STORE);
+      SSL_CTX_sess_set_new_cb(session->context, remember_session);
+    }
     // A server that closes without the closing alert ends the data as a
     // plain close would; sized bodies are still checked by their length.
     SSL_CTX_set_options(session->context, SSL_OP_IGNORE_UNEXPECTED_EOF);
@@ -102,7 +151,7 @@ bool tls_start(std::string& err, NetConn& conn, const NetConn* resume) {
     else SSL_set1_host(session->ssl, host.c_str());
   }
   if (resume && resume->tls) {
-    if (SSL_SESSION* previous = SSL_get1_session(resume->tls->ssl)) {
+    if (SSL_SESSION* previous = take_session(*resume)) {
       SSL_set_session(session->ssl, previous);
       SSL_SESSION_free(previous);
     }
@@ -162,6 +211,17 @@ bool tls_write(NetConn& conn, std::string_view data) {
     return false;
   }
   return true;
+}
+
+void tls_finish_sending(NetConn& conn) {
+  if (!conn.tls || !conn.socket) return;
+  SSL_shutdown(conn.tls->ssl);
+  ERR_clear_error();
+  // The server answers the closing alert by closing; what it sent before
+  // (session tickets) is read on the way.
+  char chunk[512];
+  while (tls_read(conn, chunk, sizeof chunk) > 0) {
+  }
 }
 
 size_t tls_pending(const NetConn& conn) {

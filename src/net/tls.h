@@ -21,6 +21,10 @@ bool tls_start(std::string& err, NetConn& conn, const NetConn* resume = nullptr)
 long tls_read(NetConn& conn, char* data, size_t size);
 // Writes all of `data`; false on failure or when a wait ran out.
 bool tls_write(NetConn& conn, std::string_view data);
+// Ends a connection that only wrote: sends the closing alert and reads up
+// to the server's close (within the connection's limits), so the session
+// tickets the server sent after the handshake are kept.
+void tls_finish_sending(NetConn& conn);
 // Bytes already decrypted and waiting to be read.
 size_t tls_pending(const NetConn& conn);
 // Sends the closing alert (without waiting for the peer's) and frees the
