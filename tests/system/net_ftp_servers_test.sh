@@ -130,7 +130,7 @@ done
 
 # The manual's FTP examples.
 mkdir -p "$W/live"
-examples=$(net_live_examples "$root/docs/network.md" ftp "$W/live")
+examples=$(net_live_examples "$root/docs" ftp "$W/live")
 [ -n "$examples" ] || { echo "the manual has no cvml-live ftp example"; NET_FAILURES=$((NET_FAILURES + 1)); }
 for example in $examples; do
   sed -i -e 's/server="[^"]*"/server="127.0.0.1"/g' -e "s/port=\"21\"/port=\"$FTP\"/g" \

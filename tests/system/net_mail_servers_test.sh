@@ -252,7 +252,7 @@ net_expect "POP3 refused" "Error:  Expected +OK response.  Received -ERR [AUTH] 
 # The manual's SMTP and POP3 examples, with this run's host, ports and CA.
 mkdir -p "$W/live"
 for protocol in smtp pop3; do
-  examples=$(net_live_examples "$root/docs/network.md" $protocol "$W/live")
+  examples=$(net_live_examples "$root/docs" $protocol "$W/live")
   [ -n "$examples" ] || { echo "the manual has no cvml-live $protocol example"; NET_FAILURES=$((NET_FAILURES + 1)); }
   for example in $examples; do
     sed -i -e 's/server="[^"]*"/server="127.0.0.1"/g' -e "s/port=\"25\"/port=\"$SMTP\"/g" \

@@ -93,12 +93,12 @@ net_expect_clean() {
   fi
 }
 
-# Writes each ```cvml-live block of the manual page DOC whose text holds
-# protocol="PROTOCOL" (any case) as OUTDIR/PROTOCOL-N.cvm and prints the
-# file names, one a line.
+# Writes each ```cvml-live block of the manual (every .md file below DOCS)
+# whose text holds protocol="PROTOCOL" (any case) as OUTDIR/PROTOCOL-N.cvm
+# and prints the file names, one a line.
 net_live_examples() {
-  local doc=$1 protocol=$2 outdir=$3
-  awk -v dir="$outdir" -v protocol="$protocol" '
+  local docs=$1 protocol=$2 outdir=$3
+  find "$docs" -name '*.md' | sort | xargs cat | awk -v dir="$outdir" -v protocol="$protocol" '
     /^```cvml-live/ { inside = 1; text = ""; next }
     /^```/ && inside {
       inside = 0
@@ -112,5 +112,5 @@ net_live_examples() {
       next
     }
     inside { text = text $0 "\n" }
-  ' "$doc"
+  '
 }

@@ -184,13 +184,13 @@ net_expect "apache POST (server)" "$APACHE_TLS POST /cgi-bin/echo.sh HTTP/1.1 \"
 # The manual's HTTP examples, on each server: the example's own host and
 # ports become this run's, and the test CA stands in for the system's store.
 mkdir -p "$W/live"
-examples=$(net_live_examples "$root/docs/network.md" http "$W/live")
+examples=$(net_live_examples "$root/docs" http "$W/live")
 [ -n "$examples" ] || { echo "the manual has no cvml-live HTTP example"; NET_FAILURES=$((NET_FAILURES + 1)); }
 for server in nginx apache; do
   if [ $server = nginx ]; then plain=$NGINX tls=$NGINX_TLS; else plain=$APACHE tls=$APACHE_TLS; fi
   for example in $examples; do
     page=$W/live/$server-$(basename "$example")
-    sed -e 's/server="[^"]*"/server="127.0.0.1"/g' -e "s/port=\"80\"/port=\"$plain\"/g" \
+    sed -e 's/server="[^"]*"/server="127.0.0.1"/g' -e "s/port=\"80\"/port=\"$plain\"/g" -e "s/:8080\//:$plain\//g" -e "s/port=\"8080\"/port=\"$plain\"/g" \
         -e "s/port=\"443\"/port=\"$tls\"/g" -e "s#tlscafile=\"[^\"]*\"#tlscafile=\"$W/ca.pem\"#g" \
         "$example" > "$page"
     net_run_page "$page" SSL_CERT_FILE="$W/ca.pem" > "$page.out"
