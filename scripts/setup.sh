@@ -7,6 +7,8 @@ packages=(
   build-essential cmake ninja-build clang libclang-rt-14-dev libgtest-dev
   libgmp-dev libmpfr-dev libpcre2-dev unixodbc-dev odbcinst libsqliteodbc
   sqlite3 lighttpd php-cgi hyperfine curl valgrind python3
+  # network clients (TLS) and their real-server tests:
+  libssl-dev openssl ca-certificates nginx-light apache2 postfix dovecot-core dovecot-pop3d vsftpd
 )
 
 missing=()
