@@ -108,8 +108,9 @@ bool same_host(const sockaddr_storage& a, const sockaddr_storage& b) {
          reinterpret_cast<const sockaddr_in&>(b).sin_addr.s_addr;
 }
 
-// The port of an EPSV reply "229 ... (|||port|)"; false when it is missing.
-bool parse_epsv(std::string_view text, int& port) {
+}  // namespace
+
+bool ftp_parse_epsv(std::string_view text, int& port) {
   size_t open = text.find('(');
   if (open == std::string_view::npos || text.size() < open + 5) return false;
   char d = text[open + 1];
@@ -123,6 +124,8 @@ bool parse_epsv(std::string_view text, int& port) {
   return true;
 }
 
+namespace {
+
 // EPSV (PASV when the server refuses it): the data connection goes to the
 // control connection's peer, not to an address in the reply, so a server
 // cannot point the client elsewhere.
@@ -135,7 +138,7 @@ bool open_passive(std::string& err, NetConn& conn, FtpState& state, DataLink& li
     if (reply.code / 100 == 5 && conn.socket->address.ss_family == AF_INET) {
       state.epsv_refused = true;
       extended = false;
-    } else if (reply.code != 229 || !parse_epsv(reply.text, port)) {
+    } else if (reply.code != 229 || !ftp_parse_epsv(reply.text, port)) {
       err += "Error:  Expected 229 response.  Received " + reply.text;
       if (reply.text.empty() || reply.text.back() != '\n') err += '\n';
       return false;
@@ -231,9 +234,9 @@ bool accept_data(std::string& err, NetConn& conn, DataLink& link) {
   return true;
 }
 
-// Reads the data connection to its end within the body limit (and, for a
-// listing, the line limit); false when it fails or a wait runs out.
-bool receive_all(std::string& err, NetConn& data, std::string& received, bool listing) {
+}  // namespace
+
+bool ftp_receive(std::string& err, NetConn& data, std::string& received, bool listing) {
   const NetLimits& limits = net_limits();
   size_t line_start = 0;
   for (;;) {
@@ -260,6 +263,8 @@ bool receive_all(std::string& err, NetConn& data, std::string& received, bool li
   }
 }
 
+namespace {
+
 // Runs one transfer command: data connection, command, preliminary reply,
 // the data in one direction, and the completion reply.
 bool transfer(std::string& err, NetConn& conn, const std::string& line, std::string* received,
@@ -285,7 +290,7 @@ bool transfer(std::string& err, NetConn& conn, const std::string& line, std::str
   // control connection's session again (servers may insist on that).
   bool moved = !state->protect || tls_start(err, link.conn, &conn);
   if (moved) {
-    moved = received ? receive_all(err, link.conn, *received, listing) : net_send(link.conn, sent);
+    moved = received ? ftp_receive(err, link.conn, *received, listing) : net_send(link.conn, sent);
     if (!moved && !received) net_take_note(link.conn, err);
     if (moved && !received) tls_finish_sending(link.conn);
   }
@@ -368,7 +373,12 @@ bool ftp_connect(std::string& err, NetConn& conn) {
     err += "Error:  The user name, password or account contains a line break.\n";
     return false;
   }
-  if (!net_connect(err, conn, state->host, conn.port)) return false;
+  return net_connect(err, conn, state->host, conn.port) && ftp_start_session(err, conn);
+}
+
+bool ftp_start_session(std::string& err, NetConn& conn) {
+  FtpState* state = ftp_state(conn);
+  if (!state) return false;
   FtpReply reply;
   // 120: the server will be ready shortly; its 220 follows.
   if (!ftp_read_reply(conn, reply) || (reply.code == 120 && !ftp_read_reply(conn, reply)) || reply.code != 220) {

@@ -60,3 +60,11 @@ bool ftp_read_reply(NetConn& conn, FtpReply& reply);
 // Parses the six numbers of a 227 reply "(h1,h2,h3,h4,p1,p2)"; false when
 // they are missing or out of range.
 bool ftp_parse_pasv(std::string_view text, uint32_t& address, int& port);
+// The port of a 229 reply "... (|||port|)"; false when it is missing.
+bool ftp_parse_epsv(std::string_view text, int& port);
+// The dialogue after the connection is made: greeting, AUTH TLS, log-in,
+// PBSZ/PROT and TYPE I (ftp_connect without its connect).
+bool ftp_start_session(std::string& err, NetConn& conn);
+// Reads a data connection to its end within the body limit (and, for a
+// listing, the line limit); false when it fails or a wait runs out.
+bool ftp_receive(std::string& err, NetConn& data, std::string& received, bool listing);

@@ -125,7 +125,12 @@ bool pop3_connect(std::string& err, NetConn& conn) {
     err += "Error:  The user name or password contains a line break.\n";
     return false;
   }
-  if (!net_connect(err, conn, state->host, conn.port)) return false;
+  return net_connect(err, conn, state->host, conn.port) && pop3_start_session(err, conn);
+}
+
+bool pop3_start_session(std::string& err, NetConn& conn) {
+  Pop3State* state = pop3_state(conn);
+  if (!state) return false;
   std::string reply;
   if (!expect_ok(err, conn, reply)) return false;
   if (conn.tls_options.mode == TLS_STARTTLS && !conn.tls) {

@@ -266,7 +266,12 @@ bool smtp_connect(std::string& err, NetConn& conn) {
     err += "Error:  The greeting name contains a line break.\n";
     return false;
   }
-  if (!net_connect(err, conn, state->host, conn.port)) return false;
+  return net_connect(err, conn, state->host, conn.port) && smtp_start_session(err, conn);
+}
+
+bool smtp_start_session(std::string& err, NetConn& conn) {
+  SmtpState* state = smtp_state(conn);
+  if (!state) return false;
   if (!expect(err, conn, "220")) return false;
   std::string name = state->helo_name.empty() ? net_greeting_name(conn) : state->helo_name;
   if (!greet(err, conn, *state, name)) return false;

@@ -45,6 +45,9 @@ SmtpState* smtp_state(NetConn& conn);
 // starts TLS when the server offers it or the connection requires it, and
 // logs in when a user is set.
 bool smtp_connect(std::string& err, NetConn& conn);
+// The dialogue after the connection is made: the greeting, EHLO, STARTTLS
+// and AUTH (smtp_connect without its connect).
+bool smtp_start_session(std::string& err, NetConn& conn);
 // Sends "QUIT\r\n" and closes the socket.
 void smtp_quit(NetConn& conn);
 
