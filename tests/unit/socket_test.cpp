@@ -2,7 +2,9 @@
 // the deadline that bounds every wait.
 #include "net/socket.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <stdlib.h>
 #include <unistd.h>
 
