@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # CVWEB's FTP client against a real server: a private vsftpd on 127.0.0.1
-# that takes plain and explicit TLS sessions (AUTH TLS, PROT P) with a
-# certificate a test CA made by this test signed.  Passive and active
-# transfers; each case checks the page's output, the files as the server
-# stored them, and the commands the server logged.  The manual's
-# "cvml-live" FTP examples run here too.
+# that takes plain and explicit TLS sessions (AUTH TLS, PROT P), and a second
+# one speaking TLS from the first byte, both with a certificate that a test
+# CA made by this test signed.  Passive and active transfers; each case
+# checks the page's output, the files as the server stored them, and the
+# commands the server logged.  The manual's "cvml-live" FTP examples run
+# here too.
 set -u
 cvml=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 here=$(cd "$(dirname "$0")" && pwd)
@@ -19,15 +20,16 @@ done
 
 net_work_dir
 W=$NET_WORK
-ftpd_pid=
+ftpd_pids=()
 cleanup() {
-  if [ -n "$ftpd_pid" ]; then kill -TERM "$ftpd_pid" 2>/dev/null; wait "$ftpd_pid" 2>/dev/null; fi
+  local pid
+  for pid in "${ftpd_pids[@]}"; do kill -TERM "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; done
   [ -n "${KEEP_WORK:-}" ] || rm -rf "$W"
 }
 trap cleanup EXIT
 
 net_make_ca "$W" || { echo "could not make the test CA"; exit 1; }
-read -r FTP PASV_LOW < <(net_free_ports 2 | tr '\n' ' ')
+read -r FTP FTPS PASV_LOW < <(net_free_ports 3 | tr '\n' ' ')
 
 # Anonymous sessions land in ftp/ (which the server will not let them
 # write) and may write in ftp/pub.
@@ -72,9 +74,17 @@ ssl_tlsv1=NO
 ssl_sslv2=NO
 ssl_sslv3=NO
 EOF2
+# A second instance speaks TLS from the first byte (implicit FTPS).
+sed -e "s/^listen_port=.*/listen_port=$FTPS/" -e "s#^vsftpd_log_file=.*#vsftpd_log_file=$W/vsftpd-implicit.log#" \
+    -e "s/^pasv_min_port=.*/pasv_min_port=$((PASV_LOW + 21))/" -e "s/^pasv_max_port=.*/pasv_max_port=$((PASV_LOW + 40))/" \
+    "$W/vsftpd.conf" > "$W/vsftpd-implicit.conf"
+echo "implicit_ssl=YES" >> "$W/vsftpd-implicit.conf"
 vsftpd "$W/vsftpd.conf" > "$W/vsftpd.out" 2>&1 &
-ftpd_pid=$!
-net_wait_port "$FTP" "$ftpd_pid" || { cat "$W/vsftpd.out" "$W/vsftpd.log" 2>/dev/null; exit 1; }
+ftpd_pids+=($!)
+vsftpd "$W/vsftpd-implicit.conf" > "$W/vsftpd-implicit.out" 2>&1 &
+ftpd_pids+=($!)
+net_wait_port "$FTP" "${ftpd_pids[0]}" && net_wait_port "$FTPS" "${ftpd_pids[1]}" ||
+  { cat "$W"/vsftpd*.out "$W"/vsftpd*.log 2>/dev/null; exit 1; }
 
 run_case() {
   printf '%s\n' "$2" > "$W/pages/$1.cvm"
@@ -119,6 +129,10 @@ run_case ftps_passive "$head<CVWEB socketvar=f server=\"localhost\" protocol=\"f
 check_run ftps_passive 3
 run_case ftps_active "$head<CVWEB socketvar=f server=\"127.0.0.1\" protocol=\"ftp\" port=\"$FTP\" basedataport=\"0\" tls=\"starttls\" tlscafile=\"$ca\">$(ops 4)"
 check_run ftps_active 4
+run_case ftps_implicit "$head<CVWEB socketvar=f server=\"127.0.0.1\" protocol=\"ftp\" port=\"$FTPS\" passive tls=\"implicit\" tlscafile=\"$ca\">$(ops 5)"
+check_run ftps_implicit 5
+net_expect "implicit FTPS (server)" "FTP command: Client \"127.0.0.1\", \"PROT P\"" "$W/vsftpd-implicit.log"
+net_refuse "implicit FTPS (server)" "AUTH TLS" "$W/vsftpd-implicit.log"
 run_case untrusted "$head<CVWEB socketvar=f server=\"127.0.0.1\" protocol=\"ftp\" port=\"$FTP\" tls=\"starttls\">"
 net_expect "untrusted" "Error:  The TLS handshake with 127.0.0.1 failed (certificate verify failed: unable to get local issuer certificate)." "$W/pages/untrusted.out"
 
