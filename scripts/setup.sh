@@ -8,6 +8,8 @@ packages=(
   libgmp-dev libmpfr-dev libpcre2-dev unixodbc-dev odbcinst libsqliteodbc
   sqlite3 lighttpd php-cgi hyperfine curl valgrind python3
   postgresql odbc-postgresql mariadb-server odbc-mariadb time  # database system tests
+  # network clients (TLS) and their real-server tests:
+  libssl-dev openssl ca-certificates nginx-light apache2 postfix dovecot-core dovecot-pop3d vsftpd
 )
 # --- benchmark tools (bench/run.sh, bench/fastcgi.sh) ---
 packages+=(php-sqlite3 php-fpm wrk time)

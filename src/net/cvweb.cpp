@@ -2,6 +2,7 @@
 // the run-wide connection table that socket numbers index.
 #include "net/cvweb.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <memory>
@@ -13,6 +14,7 @@
 #include "base/encoders.h"
 #include "net/ftp.h"
 #include "net/http.h"
+#include "net/net_limits.h"
 #include "net/pop3.h"
 #include "net/smtp.h"
 #include "net/socket.h"
@@ -30,15 +32,7 @@ std::vector<std::unique_ptr<NetConn>> g_connections;
 
 constexpr std::string_view kSeeDocs = "  See the Corvane documentation for details.";
 constexpr std::string_view kInternal = "  An internal error occurred in Corvane.";
-
-bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-
-bool is_blank(std::string_view text) {
-  for (char c : text)
-    if (!is_space(c)) return false;
-  return true;
-}
+constexpr std::string_view kSeeManual = "  See the documentation for details.";
 
 std::string requires_with(std::string_view option, std::string_view operation) {
   return "CVWEB requires the '" + std::string(option) + "' option to be used with the '" + std::string(operation) +
@@ -50,13 +44,9 @@ std::string not_non_negative(std::string_view option) {
          "' option to be either a blank string, zero (0), or a positive number.";
 }
 
-// A numeric option: evaluated, non-negative; a blank text gives `blank`.
-// False when the result is not a number or is negative.
-bool non_negative_option(const std::string& text, double blank, double* out) {
-  if (is_blank(text)) {
-    *out = blank;
-    return true;
-  }
+// A numeric option: evaluated, non-negative.  False when the result is not
+// a number (a blank option evaluates to a string) or is negative.
+bool non_negative_option(const std::string& text, double* out) {
   double d;
   if (!evaluate_real_option(text, &d)) return false;
   if (!(d >= 0) || !std::isfinite(d)) return false;
@@ -65,9 +55,9 @@ bool non_negative_option(const std::string& text, double blank, double* out) {
 }
 
 // Ports and message numbers: whole numbers, bounded so the cast is defined.
-bool whole_option(const std::string& text, double blank, double limit, int64_t* out) {
+bool whole_option(const std::string& text, double limit, int64_t* out) {
   double d;
-  if (!non_negative_option(text, blank, &d) || d > limit) return false;
+  if (!non_negative_option(text, &d) || d > limit) return false;
   *out = static_cast<int64_t>(d);
   return true;
 }
@@ -76,6 +66,27 @@ bool whole_option(const std::string& text, double blank, double limit, int64_t* 
 void fail(const ParsedTag& tag, std::string_view message, const std::string& err) {
   if (!err.empty()) report_diagnostic("Error returned from internal socket functions:\n" + err);
   report_error(tag, message);
+}
+
+// Page text bound for a protocol line: a carriage return, line feed or zero
+// byte would end the line early and start one of the page's making.  False
+// after the report naming the option.
+bool line_safe(const ParsedTag& tag, std::string_view option, const std::string* text) {
+  if (!text || text->find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos) return true;
+  report_error(tag, "CVWEB requires the '" + std::string(option) +
+                        "' option to contain no carriage return, line feed or zero byte." + std::string(kSeeManual));
+  return false;
+}
+
+// The named option when it is present and safe for a protocol line; null
+// after a report (`*failed` set) or when it is absent.
+const std::string* safe_option(const ParsedTag& tag, std::string_view option, bool* failed) {
+  const std::string* text = tag_option(tag, option);
+  if (!line_safe(tag, option, text)) {
+    *failed = true;
+    return nullptr;
+  }
+  return text;
 }
 
 // Replaces the value of the variable `ref` names with `result`.
@@ -167,7 +178,7 @@ void raw_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
     long seconds = -1, micros = 0;  // no limit without "timeout"
     if (const std::string* timeout = tag_option(tag, "timeout")) {
       double d;
-      if (!non_negative_option(*timeout, 0, &d) || d > 1e9) {
+      if (!non_negative_option(*timeout, &d) || d > 1e9) {
         report_error(tag, not_non_negative("timeout"));
         return;
       }
@@ -182,6 +193,7 @@ void raw_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
   if (get) {
     // What is already buffered, else one read of what the peer sends next.
     if (net_unread(conn).empty() && net_fill(conn) == 0) {
+      net_take_note(conn, err);
       fail(tag, "An occurred in CVWEB while attempting to get the data." + std::string(kInternal), err);
       return;
     }
@@ -192,8 +204,10 @@ void raw_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
   }
   std::string data;
   if (!fetch_text(tag, *var, &data)) return;
-  if (!net_send(conn, data))
+  if (!net_send(conn, data)) {
+    net_take_note(conn, err);
     fail(tag, "An occurred in CVWEB while attempting to send the data." + std::string(kInternal), err);
+  }
 }
 
 // http: GET page var; POST page var POSTvar
@@ -216,9 +230,25 @@ void http_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) 
     report_error(tag, "An internal error occurred in Corvane.");
     return;
   }
+  if (!line_safe(tag, "page", page)) return;
   if (!http_parse_url(*page, url)) {
     report_error(tag, "CVWEB requires the 'page' option to be an absolute URL." + std::string(kSeeDocs));
     return;
+  }
+  // A page whose scheme differs from the connection's (https on a plain
+  // connection, or http on a TLS one) opens the connection again for that
+  // scheme, on the page's port or the scheme's own.
+  bool secure = url.scheme == "https";
+  if (secure != (conn.tls_options.mode == TLS_IMPLICIT)) {
+    if (secure && !state->proxy_host.empty()) {
+      report_error(tag, "CVWEB does not currently support 'https' pages through a proxy." + std::string(kSeeManual));
+      return;
+    }
+    int64_t port = secure ? 443 : 80;
+    if (!url.port.empty() && !whole_option(url.port, 65535, &port)) port = secure ? 443 : 80;
+    conn.tls_options.mode = secure ? TLS_IMPLICIT : TLS_OFF;
+    conn.port = static_cast<int32_t>(port);
+    net_close(conn);
   }
   std::string body;
   if (post) {
@@ -239,17 +269,17 @@ void http_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) 
   state->post_data = std::move(body);
 
   std::string err;
-  bool done = http_request(conn);
+  HttpOutcome done = http_request(err, conn);
   // A server that closed the connection (after a read-to-close answer, or
   // when idle) gets a new one and the request once more.
-  if (!done && state->status_line.empty()) {
+  if (done == HTTP_CLOSED) {
     if (!http_connect(err, conn)) {
       fail(tag, "CVWEB was unable to reconnect to the web server." + std::string(kInternal), err);
       return;
     }
-    done = http_request(conn);
+    done = http_request(err, conn);
   }
-  if (!done) {
+  if (done != HTTP_DONE) {
     fail(tag, "An occurred in CVWEB while attempting to get the web page." + std::string(kInternal), err);
     return;
   }
@@ -266,23 +296,23 @@ void smtp_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) 
   }
   if (keyword_is(op, "SetSourceInfo")) {
     const std::string* source = need(tag, "sourceaddr", "SetSourceInfo");
-    if (!source) return;
+    if (!source || !line_safe(tag, "sourceaddr", source)) return;
     const std::string* subject = need(tag, "subject", "SetSourceInfo");
-    if (!subject) return;
+    if (!subject || !line_safe(tag, "subject", subject)) return;
     smtp_set_sender(conn, *source);
     // A second call replaces the subject rather than adding another.
     state->headers.clear();
     smtp_add_header(conn, "Subject", *subject);
   } else if (keyword_is(op, "AddDestAddr")) {
     const std::string* dest = need(tag, "destaddr", "AddDestAddr");
-    if (dest) smtp_add_recipient(conn, *dest);
+    if (dest && line_safe(tag, "destaddr", dest)) smtp_add_recipient(conn, *dest);
   } else if (keyword_is(op, "SetMessageBody")) {
     const std::string* var = need(tag, "var", "SetMessageBody");
     std::string text;
     if (var && fetch_text(tag, *var, &text)) smtp_set_body(conn, text);
   } else if (keyword_is(op, "Attachment")) {
     const std::string* name = need(tag, "remotefilename", "Attachment");
-    if (!name) return;
+    if (!name || !line_safe(tag, "remotefilename", name)) return;
     const std::string* var = need(tag, "var", "Attachment");
     std::string data;
     if (var && fetch_text(tag, *var, &data)) smtp_add_attachment(conn, *name, data);
@@ -302,7 +332,7 @@ bool message_number(const ParsedTag& tag, std::string_view operation, uint32_t* 
   const std::string* text = need(tag, "messagenum", operation);
   if (!text) return false;
   int64_t n;
-  if (!whole_option(*text, 0, 4294967295.0, &n)) {
+  if (!whole_option(*text, 4294967295.0, &n)) {
     report_error(tag, not_non_negative("messagenum"));
     return false;
   }
@@ -360,7 +390,7 @@ void ftp_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
   std::string err;
   if (keyword_is(op, "GET")) {
     const std::string* file = need(tag, "file", "GET");
-    if (!file) return;
+    if (!file || !line_safe(tag, "file", file)) return;
     const std::string* var = need(tag, "var", "GET");
     if (!var) return;
     std::string data;
@@ -371,7 +401,7 @@ void ftp_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
     store(tag, *var, value_from_string(std::move(data)));
   } else if (keyword_is(op, "PUT")) {
     const std::string* file = need(tag, "file", "PUT");
-    if (!file) return;
+    if (!file || !line_safe(tag, "file", file)) return;
     const std::string* var = need(tag, "var", "PUT");
     std::string data;
     if (!var || !fetch_text(tag, *var, &data)) return;
@@ -379,12 +409,12 @@ void ftp_operation(const ParsedTag& tag, NetConn& conn, const std::string& op) {
       fail(tag, "CVWEB was unable to upload the file to the FTP server." + std::string(kInternal), err);
   } else if (keyword_is(op, "DELETE")) {
     const std::string* file = need(tag, "file", "DELETE");
-    if (file && !ftp_delete(err, conn, *file))
+    if (file && line_safe(tag, "file", file) && !ftp_delete(err, conn, *file))
       fail(tag, "CVWEB was unable to delete the file on the FTP server." + std::string(kInternal), err);
   } else if (keyword_is(op, "CD") || keyword_is(op, "MD") || keyword_is(op, "RD")) {
     bool cd = keyword_is(op, "CD"), md = keyword_is(op, "MD");
     const std::string* dir = need(tag, "dir", cd ? "CD" : md ? "MD" : "RD");
-    if (!dir) return;
+    if (!dir || !line_safe(tag, "dir", dir)) return;
     bool done = cd ? ftp_cd(err, conn, *dir) : md ? ftp_md(err, conn, *dir) : ftp_rd(err, conn, *dir);
     if (!done)
       fail(tag,
@@ -423,6 +453,9 @@ void close_by_kind(NetConn& conn) {
 // Runs the operation the tag asks of an open connection.
 void run_operation(const ParsedTag& tag, size_t slot) {
   NetConn& conn = *g_connections[slot];
+  const NetLimits& limits = net_limits();
+  conn.timeout_seconds = limits.timeout_seconds;
+  net_start_deadline(conn, limits.deadline_seconds);
   if (tag_option(tag, "disconnect")) {
     close_by_kind(conn);
     g_connections[slot].reset();
@@ -454,8 +487,10 @@ void run_operation(const ParsedTag& tag, size_t slot) {
 // a report.
 bool open_connection(const ParsedTag& tag, NetConn& conn, const std::string& server, int32_t kind, int port) {
   std::string err;
-  const std::string* user = tag_option(tag, "username");
-  const std::string* password = tag_option(tag, "password");
+  bool failed = false;
+  const std::string* user = safe_option(tag, "username", &failed);
+  const std::string* password = safe_option(tag, "password", &failed);
+  if (failed) return false;
   switch (kind) {
     case NET_RAW:
       if (net_connect(err, conn, server, port)) return true;
@@ -465,10 +500,12 @@ bool open_connection(const ParsedTag& tag, NetConn& conn, const std::string& ser
     case NET_HTTP: {
       http_attach(conn);
       http_set_host(conn, server, port);
-      if (const std::string* proxy = tag_option(tag, "setproxy")) {
+      const std::string* proxy = safe_option(tag, "setproxy", &failed);
+      if (failed) return false;
+      if (proxy) {
         int64_t proxy_port = 80;
         const std::string* proxy_port_text = tag_option(tag, "setproxyport");
-        if (proxy_port_text && !whole_option(*proxy_port_text, 80, 65535, &proxy_port)) {
+        if (proxy_port_text && !whole_option(*proxy_port_text, 65535, &proxy_port)) {
           report_error(tag, not_non_negative("port"));
           return false;
         }
@@ -498,10 +535,25 @@ bool open_connection(const ParsedTag& tag, NetConn& conn, const std::string& ser
       fail(tag, "CVWEB was unable to connect to the web server." + std::string(kInternal), err);
       return false;
     }
-    case NET_SMTP:
-      if (smtp_set_server(conn, server, port) && smtp_connect(err, conn)) return true;
+    case NET_SMTP: {
+      const std::string* helo = safe_option(tag, "heloname", &failed);
+      const std::string* method = tag_option(tag, "authmethod");
+      if (failed) return false;
+      if (method && !keyword_is(*method, "PLAIN") && !keyword_is(*method, "LOGIN")) {
+        report_error(tag, "CVWEB requires the 'authmethod' option to be 'PLAIN' or 'LOGIN'." + std::string(kSeeManual));
+        return false;
+      }
+      if (smtp_set_server(conn, server, port)) {
+        SmtpState* state = smtp_state(conn);
+        if (helo) state->helo_name = *helo;
+        if (user) state->user = *user;
+        if (password) state->password = *password;
+        if (method) state->auth_method = keyword_is(*method, "PLAIN") ? "PLAIN" : "LOGIN";
+        if (smtp_connect(err, conn)) return true;
+      }
       fail(tag, "CVWEB was unable to connect to the SMTP server." + std::string(kInternal), err);
       return false;
+    }
     case NET_POP3:
       if (!user || !password) {
         report_error(tag,
@@ -515,11 +567,12 @@ bool open_connection(const ParsedTag& tag, NetConn& conn, const std::string& ser
     case NET_FTP: {
       int64_t base = kFtpDefaultDataPort;
       const std::string* base_text = tag_option(tag, "basedataport");
-      if (base_text && !whole_option(*base_text, kFtpDefaultDataPort, 65535, &base)) {
+      if (base_text && !whole_option(*base_text, 65535, &base)) {
         report_error(tag, not_non_negative("basedataport"));
         return false;
       }
-      const std::string* account = tag_option(tag, "account");
+      const std::string* account = safe_option(tag, "account", &failed);
+      if (failed) return false;
       bool passive = tag_option(tag, "passive") != nullptr;
       if (ftp_set_server(conn, server, port, user ? *user : std::string(), password ? *password : std::string(),
                          account ? *account : std::string(), passive, static_cast<int>(base)) &&
@@ -533,9 +586,51 @@ bool open_connection(const ParsedTag& tag, NetConn& conn, const std::string& ser
   return false;
 }
 
+// The port a protocol uses for TLS from the first byte.
+int implicit_port(int32_t kind) {
+  switch (kind) {
+    case NET_HTTP: return 443;
+    case NET_SMTP: return 465;
+    case NET_POP3: return 995;
+    case NET_FTP: return 990;
+    default: return 0;
+  }
+}
+
+// tls=off|starttls|implicit, tlsverify=on|off, tlscafile=path.  False after
+// a report.
+bool read_tls_options(const ParsedTag& tag, int32_t kind, NetTlsOptions* out) {
+  if (const std::string* mode = tag_option(tag, "tls")) {
+    bool upgrade = kind == NET_SMTP || kind == NET_POP3 || kind == NET_FTP;
+    if (keyword_is(*mode, "off")) out->mode = TLS_OFF;
+    else if (keyword_is(*mode, "implicit")) out->mode = TLS_IMPLICIT;
+    else if (upgrade && keyword_is(*mode, "starttls")) out->mode = TLS_STARTTLS;
+    else {
+      report_error(tag, upgrade ? "CVWEB requires the 'tls' option to be 'off', 'starttls', or 'implicit'." +
+                                      std::string(kSeeManual)
+                                : "CVWEB requires the 'tls' option to be 'off' or 'implicit' for this protocol." +
+                                      std::string(kSeeManual));
+      return false;
+    }
+  }
+  if (const std::string* verify = tag_option(tag, "tlsverify")) {
+    if (!keyword_is(*verify, "on") && !keyword_is(*verify, "off")) {
+      report_error(tag, "CVWEB requires the 'tlsverify' option to be 'on' or 'off'." + std::string(kSeeManual));
+      return false;
+    }
+    out->verify = keyword_is(*verify, "on");
+  }
+  if (const std::string* ca_file = tag_option(tag, "tlscafile")) {
+    if (!line_safe(tag, "tlscafile", ca_file)) return false;
+    out->ca_file = *ca_file;
+  }
+  return true;
+}
+
 }  // namespace
 
-// <CVWEB socketvar=reference server=host [protocol=http|ftp|smtp|pop3] [port=n] ...>
+// <CVWEB socketvar=reference server=host [protocol=http|ftp|smtp|pop3] [port=n]
+//        [tls=off|starttls|implicit] [tlsverify=on|off] [tlscafile=path] ...>
 // <CVWEB socketvar=reference disconnect>
 // <CVWEB socketvar=reference raw|http|smtp|pop3|ftp=operation ...>
 ValuePtr cvweb_handler(const ParsedTag& tag) {
@@ -582,15 +677,25 @@ ValuePtr cvweb_handler(const ParsedTag& tag) {
       return value_new();
     }
   }
+  NetTlsOptions tls;
+  if (!line_safe(tag, "server", server) || !read_tls_options(tag, kind, &tls)) return value_new();
+  if (tls.mode == TLS_IMPLICIT) default_port = implicit_port(kind);
   int64_t port = default_port;
-  if (port_text && !whole_option(*port_text, default_port, 65535, &port)) {
+  if (port_text && !whole_option(*port_text, 65535, &port)) {
     report_error(tag, not_non_negative("port"));
     return value_new();
   }
+  // The protocol's own TLS port means TLS from the start.
+  if (tls.mode == TLS_DEFAULT && kind != NET_RAW && port == implicit_port(kind)) tls.mode = TLS_IMPLICIT;
 
   size_t slot = g_connections.size();
   g_connections.push_back(net_conn_new());
-  if (!open_connection(tag, *g_connections[slot], *server, kind, static_cast<int>(port))) {
+  NetConn& conn = *g_connections[slot];
+  const NetLimits& limits = net_limits();
+  conn.tls_options = tls;
+  conn.timeout_seconds = limits.timeout_seconds;
+  net_start_deadline(conn, limits.deadline_seconds);
+  if (!open_connection(tag, conn, *server, kind, static_cast<int>(port))) {
     g_connections[slot].reset();
     return value_new();
   }
@@ -600,8 +705,12 @@ ValuePtr cvweb_handler(const ParsedTag& tag) {
 }
 
 void cvweb_close_all() {
+  // The goodbyes at the end of the run get a few seconds of their own.
+  constexpr int kCloseSeconds = 5;
   for (std::unique_ptr<NetConn>& conn : g_connections) {
-    if (conn) close_by_kind(*conn);
+    if (!conn) continue;
+    net_start_deadline(*conn, std::min(kCloseSeconds, net_limits().deadline_seconds));
+    close_by_kind(*conn);
   }
   g_connections.clear();
 }

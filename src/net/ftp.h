@@ -1,5 +1,6 @@
-// FTP client: log-in with USER/PASS/ACCT, binary transfers over passive
-// (PASV) or active (PORT) data connections, and the directory commands.
+// FTP client: log-in with USER/PASS/ACCT (inside TLS after AUTH TLS, or on
+// an implicit TLS connection), binary transfers over passive (EPSV, PASV)
+// or active (PORT, EPRT) data connections, and the directory commands.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +17,8 @@ struct FtpState {
   bool passive = false;
   int base_data_port = kFtpDefaultDataPort;  // first local port for PORT
   int next_data_port = kFtpDefaultDataPort;  // each active transfer takes the next
+  bool epsv_refused = false;  // the server knows only PASV
+  bool protect = false;       // data connections run TLS (PROT P)
 };
 
 // One reply: its three-digit code (0 when the line had none) and all its
@@ -34,7 +37,9 @@ bool ftp_set_server(NetConn& conn, std::string_view host, int port, std::string_
 // The attached state, or null.
 FtpState* ftp_state(NetConn& conn);
 
-// Connects, reads the greeting, logs in and selects binary transfers.
+// Connects, reads the greeting, starts TLS when the connection asks for it
+// (AUTH TLS, then PBSZ 0 and PROT P after the log-in), logs in and selects
+// binary transfers.
 bool ftp_connect(std::string& err, NetConn& conn);
 // Downloads `remote` into `data`.
 bool ftp_get(std::string& err, NetConn& conn, std::string_view remote, std::string& data);
@@ -55,3 +60,11 @@ bool ftp_read_reply(NetConn& conn, FtpReply& reply);
 // Parses the six numbers of a 227 reply "(h1,h2,h3,h4,p1,p2)"; false when
 // they are missing or out of range.
 bool ftp_parse_pasv(std::string_view text, uint32_t& address, int& port);
+// The port of a 229 reply "... (|||port|)"; false when it is missing.
+bool ftp_parse_epsv(std::string_view text, int& port);
+// The dialogue after the connection is made: greeting, AUTH TLS, log-in,
+// PBSZ/PROT and TYPE I (ftp_connect without its connect).
+bool ftp_start_session(std::string& err, NetConn& conn);
+// Reads a data connection to its end within the body limit (and, for a
+// listing, the line limit); false when it fails or a wait runs out.
+bool ftp_receive(std::string& err, NetConn& data, std::string& received, bool listing);

@@ -1,5 +1,5 @@
 // HTTP client: one request/response exchange at a time on a NetConn, and the
-// splitting of absolute "http://" URLs.
+// splitting of absolute "http://" and "https://" URLs.
 #pragma once
 
 #include <cstdint>
@@ -37,8 +37,10 @@ struct HttpUrl {
   std::string scheme, host, port, path, file, query;
 };
 
-// Splits `url` ("http://host[:port][/dir/.../][file][?query]"); false when it
-// is not of that form.  `path` is the directory run without a leading "/".
+// Splits `url` ("http[s]://host[:port][/dir/.../][file][?query]"); false when
+// it is not of that form.  The host is a DNS name or an IPv6 address in
+// brackets (kept with its brackets).  `path` is the directory run without a
+// leading "/".
 bool http_parse_url(std::string_view url, HttpUrl& out);
 
 // Attaches (or resets) the HTTP state; null when the connection carries
@@ -54,14 +56,24 @@ void http_set_proxy_auth(NetConn& conn, std::string_view scheme, std::string_vie
 void http_set_auth(NetConn& conn, std::string_view scheme, std::string_view user, std::string_view password);
 
 // Connects to the proxy when one is set, otherwise to the host and the
-// connection's port.  False (without text of its own) when no host is set.
+// connection's port (with TLS when the connection's mode asks for it).
+// False (without text of its own) when no host is set.
 bool http_connect(std::string& err, NetConn& conn);
 void http_disconnect(NetConn& conn);
 
 // The request text for the state's fields; `port` is the connection's port.
+// Every line ends in CR LF.
 std::string http_build_request(const HttpState& state, int port);
-// Reads a status line, headers and body from the connection into the state.
-bool http_read_response(NetConn& conn, HttpState& state, bool head_only);
-// One exchange: build, send, read.  False when the connection is closed, the
-// send fails, the header block is cut short or a sized body comes up short.
-bool http_request(NetConn& conn);
+
+// How an exchange ended.
+enum HttpOutcome : uint8_t {
+  HTTP_DONE,    // a whole response was read
+  HTTP_CLOSED,  // the connection was closed before any of the response came
+  HTTP_FAILED   // the response was cut short, malformed or over a limit
+};
+
+// Reads a status line, headers and body from the connection into the state,
+// within the run's network limits.  Reasons for a failure go to `err`.
+HttpOutcome http_read_response(std::string& err, NetConn& conn, HttpState& state, bool head_only);
+// One exchange: build, send, read.
+HttpOutcome http_request(std::string& err, NetConn& conn);

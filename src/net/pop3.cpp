@@ -4,6 +4,9 @@
 #include <cstdio>
 
 #include "base/nocase.h"
+#include "net/net_limits.h"
+#include "net/tls.h"
+#include "base/nocase.h"
 
 namespace {
 
@@ -17,20 +20,30 @@ std::string_view strip_line_end(std::string_view line) {
   return line;
 }
 
-bool is_positive(std::string_view reply) { return reply.size() >= 4 && reply.substr(0, 4) == "+OK "; }
+// "+OK " with text, or "+OK" alone on its line.
+bool is_positive(std::string_view reply) {
+  return (reply.size() >= 4 && reply.substr(0, 4) == "+OK ") || reply == "+OK\r\n";
+}
 
+// The reply is shown as it came, line end included.
 void refuse(std::string& err, std::string_view reply) {
   err += "Error:  Expected +OK response.  Received ";
-  err += strip_line_end(reply);
+  err += reply;
   err += ".\n";
 }
 
 // Reads a single-line reply into `reply` and checks it.
 bool expect_ok(std::string& err, NetConn& conn, std::string& reply) {
-  if (!net_read_raw_line(conn, reply)) {
+  if (!net_read_raw_line(conn, reply, net_limits().line_max)) {
     std::string_view rest = net_unread(conn);
-    reply.assign(rest);
+    reply.assign(rest.substr(0, 256));
     net_consume(conn, rest.size());
+    // A reply cut short by a limit or the deadline counts as none.
+    if (!conn.note.empty()) {
+      net_take_note(conn, err);
+      refuse(err, reply);
+      return false;
+    }
   }
   if (is_positive(reply)) return true;
   refuse(err, reply);
@@ -41,6 +54,7 @@ bool command(std::string& err, NetConn& conn, const std::string& text, const std
              std::string& reply) {
   if (!net_send(conn, text)) {
     err += failure;
+    net_take_note(conn, err);
     return false;
   }
   return expect_ok(err, conn, reply);
@@ -54,16 +68,22 @@ bool command(std::string& err, NetConn& conn, const std::string& text, const std
 std::string number_text(uint32_t number) { return std::to_string(number); }
 
 // The body lines of a multi-line reply up to the "." line, first dots of
-// stuffed lines removed.
+// stuffed lines removed; each line and the whole are bounded.
 bool read_multiline(std::string& err, NetConn& conn, std::string& lines) {
+  const NetLimits& limits = net_limits();
   std::string line;
   for (;;) {
-    if (!net_read_raw_line(conn, line)) {
-      err += "Error:  Server dropped connection.\n";
+    if (!net_read_raw_line(conn, line, limits.line_max)) {
+      if (conn.note.empty()) err += "Error:  Server dropped connection.\n";
+      net_take_note(conn, err);
       return false;
     }
     std::string_view text = strip_line_end(line);
     if (text == ".") return true;
+    if (lines.size() + line.size() > limits.body_max) {
+      err += net_limit_text("The message", limits.body_max, "bytes", "CVML_NET_BODY_MAX");
+      return false;
+    }
     lines += line[0] == '.' ? std::string_view(line).substr(1) : std::string_view(line);
   }
 }
@@ -79,7 +99,9 @@ uint32_t leading_number(std::string_view text) {
   return static_cast<uint32_t>(value);
 }
 
-bool has_line_break(std::string_view text) { return text.find_first_of("\r\n") != std::string_view::npos; }
+bool has_line_break(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
 
 }  // namespace
 
@@ -104,9 +126,20 @@ bool pop3_connect(std::string& err, NetConn& conn) {
     err += "Error:  The user name or password contains a line break.\n";
     return false;
   }
-  if (!net_connect(err, conn, state->host, conn.port)) return false;
+  return net_connect(err, conn, state->host, conn.port) && pop3_start_session(err, conn);
+}
+
+bool pop3_start_session(std::string& err, NetConn& conn) {
+  Pop3State* state = pop3_state(conn);
+  if (!state) return false;
   std::string reply;
   if (!expect_ok(err, conn, reply)) return false;
+  if (conn.tls_options.mode == TLS_STARTTLS && !conn.tls) {
+    if (!command(err, conn, "STLS\r\n", "Error sending STLS\n")) return false;
+    conn.buffer.clear();  // nothing sent before the handshake may count after it
+    conn.read_pos = 0;
+    if (!tls_start(err, conn)) return false;
+  }
   if (!command(err, conn, "USER " + state->user + "\r\n", "Error sending USER " + state->user + "\n")) return false;
   if (!command(err, conn, "PASS " + state->password + "\r\n", "Error sending PASS " + state->password + "\n"))
     return false;

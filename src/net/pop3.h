@@ -28,9 +28,13 @@ bool pop3_set_server(NetConn& conn, std::string_view host, int port, std::string
 // The attached state, or null.
 Pop3State* pop3_state(NetConn& conn);
 
-// Connects, checks the greeting, sends USER and PASS, then refreshes.
+// Connects, checks the greeting, sends STLS when the connection asks for
+// TLS that way, sends USER and PASS, then refreshes.
 // Fails without a message when the host, user or password is empty.
 bool pop3_connect(std::string& err, NetConn& conn);
+// The dialogue after the connection is made: the greeting, STLS, USER,
+// PASS and the refresh (pop3_connect without its connect).
+bool pop3_start_session(std::string& err, NetConn& conn);
 // RSET, STAT and (for a non-empty mailbox) LIST: fills count and sizes.
 bool pop3_refresh(std::string& err, NetConn& conn);
 // RETR of message `number` (from 1); fills sender, subject, header, body.

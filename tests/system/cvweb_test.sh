@@ -7,8 +7,10 @@
 # A page is a template: @HTTP_PORT@, @PEER_PORT@ and @CLOSED_PORT@ are
 # replaced by the ports of this run.  NAME.out is the exact expected output
 # (the work directory masked as @DIR@); NAME.log, when present, makes the
-# test start the peer named by the page's prefix (smtp_, pop3_, ftp_) and is
-# the exact expected record of what that peer received.
+# test start the peer named by the page's prefix (smtp_, pop3_, ftp_, http_
+# with "peer" in the name, hostile_) and is the exact expected record of
+# what that peer received.  NAME.env holds extra environment lines for the
+# page (the network limits of a hostile case).
 set -u
 cvml=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 here=$(cd "$(dirname "$0")" && pwd)
@@ -28,11 +30,10 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# The client's request lines end in a bare line feed, which lighttpd refuses
-# unless strict header parsing is off.  The echo CGI runs through /bin/sh
-# (and must not be served as a static file, which comes first otherwise).
-export LIGHTTPD_EXTRA_CONF='server.http-parseopts = ( "header-strict" => "disable" )
-cgi.assign += ( ".sh" => "/bin/sh" )
+# lighttpd keeps its strict header parsing: the client's request lines end
+# in CR LF.  The echo CGI runs through /bin/sh (and must not be served as a
+# static file, which comes first otherwise).
+export LIGHTTPD_EXTRA_CONF='cgi.assign += ( ".sh" => "/bin/sh" )
 static-file.exclude-extensions += ( ".sh" )'
 lighttpd_start "$cases/site" "$cvml" || exit 1
 
@@ -42,9 +43,9 @@ closed_port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1
 # Starts the peer of `kind` and waits (bounded) for the port it reports,
 # which it leaves in peer_port.
 start_peer() {
-  local kind=$1 i
+  local kind=$1 case=$2 i
   rm -f "$work/peer.port" "$work/peer.log"
-  python3 "$cases/peer.py" "$kind" "$work/peer.port" "$work/peer.log" > "$work/peer.out" 2>&1 &
+  python3 "$cases/peer.py" "$kind" "$work/peer.port" "$work/peer.log" "$case" > "$work/peer.out" 2>&1 &
   peer_pid=$!
   for i in $(seq 1 100); do
     [ -s "$work/peer.port" ] && { peer_port=$(cat "$work/peer.port"); return 0; }
@@ -80,12 +81,21 @@ for page in "$cases"/*.cvm; do
   name=$(basename "$page" .cvm)
   peer_port=0
   if [ -f "$cases/$name.log" ]; then
-    start_peer "${name%%_*}" || { failures=$((failures + 1)); continue; }
+    start_peer "${name%%_*}" "$name" || { failures=$((failures + 1)); continue; }
   fi
   sed -e "s/@HTTP_PORT@/$LIGHTTPD_PORT/g" -e "s/@PEER_PORT@/$peer_port/g" \
       -e "s/@CLOSED_PORT@/$closed_port/g" "$page" > "$work/$name.cvm"
   actual=$work/$name.actual
-  (cd "$work" && env -i PATH=/usr/bin:/bin timeout 60 "$cvml" "$name.cvm") > "$actual"
+  envs=(PATH=/usr/bin:/bin)
+  for var in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do
+    [ -n "${!var:-}" ] && envs+=("$var=${!var}")
+  done
+  if [ -f "$cases/$name.env" ]; then
+    while IFS= read -r line || [ -n "$line" ]; do
+      [ -n "$line" ] && envs+=("$line")
+    done < "$cases/$name.env"
+  fi
+  (cd "$work" && env -i "${envs[@]}" timeout 60 "$cvml" "$name.cvm") > "$actual"
   status=$?
   [ -n "$peer_pid" ] && stop_peer
   if [ $status -ne 0 ]; then
@@ -97,7 +107,8 @@ for page in "$cases"/*.cvm; do
   [ "$peer_port" != 0 ] && sed -i -e "s/$peer_port/@PEER_PORT@/g" "$actual"
   check "$name" "$cases/$name.out" "$actual"
   if [ -f "$cases/$name.log" ]; then
-    check "$name (peer)" "$cases/$name.log" "$work/peer.log"
+    mv "$work/peer.log" "$work/$name.peer.log" 2>/dev/null
+    check "$name (peer)" "$cases/$name.log" "$work/$name.peer.log"
   fi
 done
 [ $failures -eq 0 ] || { echo "$failures CVWEB check(s) failed"; exit 1; }

@@ -5,9 +5,12 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstdio>
+#include <functional>
 
 #include "fake_peer.h"
+#include "net/net_limits.h"
 
 namespace {
 
@@ -136,6 +139,117 @@ TEST(FtpDialogue, MissingActiveDataConnectionKeepsRepliesInStep) {
   server.finish();
   EXPECT_EQ(0u, server.heard.find("USER ann\r\nTYPE I\r\nPORT "));
   EXPECT_EQ(std::string::npos, server.heard.find("RMD"));
+}
+
+// Greeting, log-in and TYPE I accepted.
+void log_in(int fd, std::string& heard) {
+  send_text(fd, "220 ready\r\n");
+  hear_line(fd, heard);
+  send_text(fd, "230 in\r\n");
+  hear_line(fd, heard);
+  send_text(fd, "200 binary\r\n");
+}
+
+// Passive transfers: EPSV first; a server that refuses it gets PASV, and is
+// not asked again.  The data goes to the control connection's peer.
+TEST(FtpDialogue, PassiveTriesEpsvThenPasv) {
+  fake_peer::Server server;
+  server.start([](int fd, std::string& heard) {
+    log_in(fd, heard);
+    int data_port = 0;
+    int listener = fake_peer::listen_any(data_port);
+    hear_line(fd, heard);  // EPSV
+    send_text(fd, "229 Entering Extended Passive Mode (|||" + std::to_string(data_port) + "|)\r\n");
+    hear_line(fd, heard);  // LIST
+    int data = fake_peer::accept_one(listener);
+    send_text(fd, "150 here\r\n");
+    send_text(data, "a.txt\r\nb.txt\r\n");
+    close(data);
+    send_text(fd, "226 done\r\n");
+    for (int i = 0; i < 2; ++i) {
+      hear_line(fd, heard);  // EPSV, then PASV; then PASV alone
+      if (i == 0) {
+        send_text(fd, "500 EPSV not understood\r\n");
+        hear_line(fd, heard);
+      }
+      send_text(fd, "227 Entering Passive Mode (10,9,8,7," + std::to_string(data_port >> 8) + "," +
+                        std::to_string(data_port & 255) + ")\r\n");
+      hear_line(fd, heard);  // RETR
+      data = fake_peer::accept_one(listener);
+      send_text(fd, "150 here\r\n");
+      send_text(data, "content");
+      close(data);
+      send_text(fd, "226 done\r\n");
+    }
+    close(listener);
+  });
+  auto conn = ftp_conn(server.port, true);
+  std::string err, data;
+  ASSERT_TRUE(ftp_connect(err, *conn)) << err;
+  ASSERT_TRUE(ftp_list(err, *conn, data)) << err;
+  EXPECT_EQ("a.txt\r\nb.txt\r\n", data);
+  ASSERT_TRUE(ftp_get(err, *conn, "x", data)) << err;
+  ASSERT_TRUE(ftp_get(err, *conn, "y", data)) << err;
+  EXPECT_EQ("content", data);
+  net_close(*conn);
+  server.finish();
+  EXPECT_EQ("USER ann\r\nTYPE I\r\nEPSV\r\nLIST\r\nEPSV\r\nPASV\r\nRETR x\r\nPASV\r\nRETR y\r\n",
+            server.heard);
+}
+
+// Hostile servers: a reply without end, a listing line without end, data
+// that trickles past the deadline.
+TEST(FtpDialogue, HostileServersEndAtTheirLimits) {
+  {
+    fake_peer::Server server;
+    server.start([](int fd, std::string&) {
+      send_text(fd, "220-welcome\r\n");
+      for (int i = 0; i < 10000; ++i) send_text(fd, "220-and more welcome\r\n");
+    });
+    auto conn = ftp_conn(server.port, true);
+    std::string err;
+    EXPECT_FALSE(ftp_connect(err, *conn));
+    EXPECT_EQ(0u, err.find("Error:  A reply from the server exceeded the limit of 65536 bytes (CVML_NET_LINE_MAX).\n"))
+        << err.substr(0, 200);
+    net_close(*conn);
+  }
+  struct Case {
+    const char* command;
+    std::function<void(int)> send_data;
+    std::string expected;
+  } cases[] = {
+      {"LIST", [](int fd) { send_text(fd, "ok\r\n" + std::string(70000, 'n')); },
+       "Error:  A listing line exceeded the limit of 65536 bytes (CVML_NET_LINE_MAX).\n"},
+      {"RETR", [](int fd) {
+         for (int i = 0; i < 40 && send(fd, "d", 1, MSG_NOSIGNAL) == 1; ++i) usleep(100000);
+       },
+       "Error:  The operation did not finish within its time limit of 1 seconds (CVML_NET_DEADLINE).\n"},
+  };
+  for (Case& c : cases) {
+    fake_peer::Server server;
+    server.start([&c](int fd, std::string& heard) {
+      log_in(fd, heard);
+      int data_port = 0;
+      int listener = fake_peer::listen_any(data_port);
+      hear_line(fd, heard);
+      send_text(fd, "229 (|||" + std::to_string(data_port) + "|)\r\n");
+      hear_line(fd, heard);
+      int data = fake_peer::accept_one(listener);
+      send_text(fd, "150 here\r\n");
+      c.send_data(data);
+      close(data);
+      close(listener);
+    });
+    auto conn = ftp_conn(server.port, true);
+    std::string err, data;
+    ASSERT_TRUE(ftp_connect(err, *conn)) << err;
+    net_start_deadline(*conn, 1);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(std::string(c.command) == "LIST" ? ftp_list(err, *conn, data) : ftp_get(err, *conn, "f", data));
+    EXPECT_EQ(0u, err.find(c.expected)) << err;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    net_close(*conn);
+  }
 }
 
 }  // namespace

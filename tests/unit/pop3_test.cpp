@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
+
 #include "fake_peer.h"
+#include "net/net_limits.h"
 
 namespace {
 
@@ -90,15 +94,82 @@ TEST(Pop3Dialogue, EmptyMailboxSendsNoList) {
   EXPECT_EQ("USER ann\r\nPASS pw\r\nRSET\r\nSTAT\r\n", server.heard);
 }
 
-TEST(Pop3Dialogue, OnlyPlusOkAndABlankIsPositive) {
-  for (std::string greeting : {"+OK\r\n", "+ok ready\r\n", "-ERR busy\r\n"}) {
+// A refused reply is shown as it came, its CR LF included.
+TEST(Pop3Dialogue, PlusOkWithABlankOrAloneIsPositive) {
+  for (std::string greeting : {"+OKAY\r\n", "+ok ready\r\n", "-ERR busy\r\n", "+OK\n"}) {
     fake_peer::Server server;
     server.start([greeting](int fd, std::string&) { send_text(fd, greeting); });
     auto conn = pop3_conn(server.port);
     std::string err;
     EXPECT_FALSE(pop3_connect(err, *conn));
-    EXPECT_EQ("Error:  Expected +OK response.  Received " + greeting.substr(0, greeting.size() - 2) + ".\n", err);
+    EXPECT_EQ("Error:  Expected +OK response.  Received " + greeting + ".\n", err);
   }
+  // A bare "+OK" (as Dovecot answers USER) is a success.
+  fake_peer::Server server;
+  server.start([](int fd, std::string& heard) {
+    send_text(fd, "+OK\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "+OK\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "+OK Logged in.\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "+OK\r\n");
+    hear_line(fd, heard);
+    send_text(fd, "+OK 0 0\r\n");
+  });
+  auto conn = pop3_conn(server.port);
+  std::string err;
+  EXPECT_TRUE(pop3_connect(err, *conn)) << err;
+  server.finish();
+  EXPECT_EQ("USER ann\r\nPASS pw\r\nRSET\r\nSTAT\r\n", server.heard);
+}
+
+// Hostile servers: a message without end, a line without end, a trickle.
+TEST(Pop3Dialogue, HostileServersEndAtTheirLimits) {
+  NetLimits saved = net_limits();
+  NetLimits small = saved;
+  small.body_max = 50000;
+  net_set_limits(small);
+  struct Case {
+    std::function<void(int)> flood;
+    int deadline;
+    std::string expected;
+  } cases[] = {
+      {[](int fd) {
+         for (int i = 0; i < 10000; ++i) send_text(fd, "line of an endless message\r\n");
+       },
+       30, "Error:  The message exceeded the limit of 50000 bytes (CVML_NET_BODY_MAX).\n"},
+      {[](int fd) { send_text(fd, std::string(100000, 'x')); }, 30,
+       "Error:  A line from the server exceeded the limit of 65536 bytes (CVML_NET_LINE_MAX).\n"},
+      {[](int fd) {
+         for (int i = 0; i < 30 && send(fd, "x", 1, MSG_NOSIGNAL) == 1; ++i) usleep(100000);
+       },
+       1, "Error:  The operation did not finish within its time limit of 1 seconds (CVML_NET_DEADLINE).\n"},
+      {[](int) {}, 30, "Error:  Server dropped connection.\n"},
+  };
+  for (Case& c : cases) {
+    fake_peer::Server server;
+    server.start([&c](int fd, std::string& heard) {
+      log_in(fd, heard);
+      hear_line(fd, heard);
+      send_text(fd, "+OK 1 10\r\n");
+      hear_line(fd, heard);
+      send_text(fd, "+OK\r\n1 10\r\n.\r\n");
+      hear_line(fd, heard);  // RETR 1
+      send_text(fd, "+OK\r\n");
+      c.flood(fd);
+    });
+    auto conn = pop3_conn(server.port);
+    std::string err;
+    ASSERT_TRUE(pop3_connect(err, *conn)) << err;
+    net_start_deadline(*conn, c.deadline);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(pop3_retrieve(err, *conn, 1));
+    EXPECT_EQ(c.expected, err);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    net_close(*conn);
+  }
+  net_set_limits(saved);
 }
 
 TEST(Pop3Dialogue, DroppedConnectionMidMessage) {
@@ -127,6 +198,10 @@ TEST(Pop3Dialogue, MissingOrUnsafeCredentials) {
   EXPECT_EQ("", err);
   auto unsafe = pop3_conn(1, "ann\r\nDELE 1", "pw");
   EXPECT_FALSE(pop3_connect(err, *unsafe));
+  EXPECT_EQ("Error:  The user name or password contains a line break.\n", err);
+  err.clear();
+  auto zero = pop3_conn(1, "ann", std::string("p\0w", 3));
+  EXPECT_FALSE(pop3_connect(err, *zero));
   EXPECT_EQ("Error:  The user name or password contains a line break.\n", err);
 }
 
