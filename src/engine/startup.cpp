@@ -13,6 +13,7 @@
 #include "engine/engine.h"
 #include "engine/output.h"
 #include "engine/report.h"
+#include "engine/uploads.h"
 #include "functions/cvfile.h"
 #include "net/cvweb.h"
 #include "values/decimal.h"
@@ -228,6 +229,7 @@ int cvml_main(int argc, char** argv, char** envp) {
   config_setup(argc > 0 ? argv[0] : "");
   if (!engine_init()) {
     fail_start("Error:  Error initializing Corvane...aborting.\n");
+    remove_uploads();
     return 0;
   }
 
@@ -249,5 +251,6 @@ int cvml_main(int argc, char** argv, char** envp) {
   database_shutdown();
   decimal_engine_stop();
   cvweb_close_all();
+  remove_uploads();
   return 0;
 }
