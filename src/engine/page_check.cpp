@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "engine/output.h"
 #include "engine/tokenizer.h"
@@ -175,6 +176,32 @@ const DependentRow kDependents[] = {
     {"CVWEB", "protocol", "pop3: username password"},
 };
 
+// HTML elements a page is likely to write.  A variable of the same name
+// turns such tags into references to the variable.
+const char kHtmlElements[] =
+    " a abbr address area article aside audio b base blockquote body br button canvas caption cite code col "
+    "colgroup data dd del details dfn dialog div dl dt em embed fieldset figure footer form h1 h2 h3 h4 h5 h6 "
+    "head header hr html i iframe img input ins kbd label legend li link main map mark meta meter nav noscript "
+    "object ol optgroup option output p param picture pre progress q s samp script section select small source "
+    "span strong style sub summary sup table tbody td template textarea tfoot th thead time title tr track u ul "
+    "var video wbr ";
+
+// The variable a "var"-style option names: its first word.
+std::string variable_name(std::string_view reference) {
+  size_t start = reference.find_first_not_of(" \t\r\n");
+  if (start == std::string_view::npos) return std::string();
+  size_t end = reference.find_first_of(" \t\r\n[", start);
+  return std::string(reference.substr(start, end == std::string_view::npos ? end : end - start));
+}
+
+bool is_html_element(std::string_view name) {
+  if (name.empty() || name.size() > 10) return false;
+  std::string lowered = " ";
+  for (char c : name) lowered += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  lowered += ' ';
+  return std::string_view(kHtmlElements).find(lowered) != std::string_view::npos;
+}
+
 struct OptionRule {
   std::string name;
   bool required = false, numeric = false, expression = false;
@@ -254,8 +281,13 @@ struct Checker {
   std::string page_dir;  // absolute, with a trailing "/"
   std::string doc_root;
   std::vector<CheckFinding> findings;
+  // Upper-case names of the closing tags the page and the files it
+  // includes write ("/TITLE" for "</title>"): the elements used as markup.
+  std::unordered_set<std::string> closing_tags;
 
   void find(uint32_t line, std::string message) { findings.push_back({line, std::move(message)}); }
+  bool include_path(const std::string& file, std::string* path) const;
+  void collect_closing_tags(const Chain& chain, int depth);
 
   void check_chain(const Chain& chain);
   void check_tag(const ParsedTag& tag, const TagRule& rule);
@@ -327,15 +359,35 @@ void Checker::check_option_value(const ParsedTag& tag, const TagRule& rule, cons
   }
 }
 
+// Where the engine looks for an included file; false for a web address.
+bool Checker::include_path(const std::string& file, std::string* path) const {
+  std::string dir;
+  if (!resolve_page_directory(page_dir, file, &dir)) return false;
+  std::string name(last_path_part(file));
+  if (name.empty()) name = "index.cvm";
+  *path = doc_root + dir + name;
+  return true;
+}
+
+void Checker::collect_closing_tags(const Chain& chain, int depth) {
+  for (const auto& node : chain.nodes) {
+    if (!node->is_tag || node->name.empty()) continue;
+    if (node->name[0] == '/') closing_tags.insert(upper(node->name));
+    const std::string* file = tag_option(*node, "file");
+    std::string path;
+    if (depth < 8 && file && equals_nocase(node->name, "CVINCLUDE") && !holds_tag(table, *file) &&
+        include_path(*file, &path)) {
+      if (DynStringPtr text = dyn_load_file(path)) collect_closing_tags(tokenize_text(table, text->data, 1), depth + 1);
+    }
+  }
+}
+
 void Checker::check_include(const ParsedTag& tag, const std::string& file) {
-  std::string target = file, dir;
-  if (!resolve_page_directory(page_dir, target, &dir)) {
+  std::string path;
+  if (!include_path(file, &path)) {
     find(tag.line, "CVINCLUDE option 'file' is a web address; CVINCLUDE reads files only: " + file);
     return;
   }
-  std::string name(last_path_part(target));
-  if (name.empty()) name = "index.cvm";
-  std::string path = doc_root + dir + name;
   struct stat info;
   if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
     find(tag.line, "CVINCLUDE file '" + file + "' does not exist (looked for " + path + ")");
@@ -415,6 +467,17 @@ void Checker::check_tag(const ParsedTag& tag, const TagRule& rule) {
         find(tag.line, rule.name + " requires the '" + std::string(option) + "' option when '" + d->option +
                            "' is '" + *value + "'");
     }
+  }
+
+  // A variable named like an HTML element that the page (or a file it
+  // includes) also writes as markup, as its closing tag shows.
+  for (const char* option : {"var", "destvar", "filevar", "socketvar"}) {
+    const std::string* reference = tag_option(tag, option);
+    if (!reference || holds_tag(table, *reference)) continue;
+    std::string name = variable_name(*reference);
+    if (is_html_element(name) && closing_tags.count("/" + upper(name)))
+      find(tag.line, rule.name + " names the variable '" + name + "', which turns the page's <" + name +
+                         "> tags into that variable");
   }
 
   // Rules that no table row says.
@@ -536,8 +599,9 @@ void Checker::check_chain(const Chain& chain) {
 std::vector<CheckFinding> check_page_text(std::string_view text, const std::string& doc_root,
                                           const std::string& page_dir) {
   VarTablePtr table = vartable_new(default_tag_start_class());
-  Checker checker{*table, page_dir, doc_root, {}};
+  Checker checker{*table, page_dir, doc_root, {}, {}};
   Chain chain = tokenize_text(*table, text, 1);
+  checker.collect_closing_tags(chain, 0);
   checker.check_chain(chain);
   std::stable_sort(checker.findings.begin(), checker.findings.end(),
                    [](const CheckFinding& a, const CheckFinding& b) { return a.line < b.line; });

@@ -61,6 +61,13 @@ TEST(PageCheck, NamesAndOptions) {
   // An inner tag used as a whole option may produce any option.
   EXPECT_EQ("", checked("<CVVAR <opts>>"));
   EXPECT_EQ("1: CVINCLUDE requires exactly one of the 'file' and 'var' options\n", checked("<CVINCLUDE>"));
+  // A variable named like an HTML element the page writes as markup.
+  EXPECT_EQ("1: CVVAR names the variable 'title', which turns the page's <title> tags into that variable\n",
+            checked("<CVVAR var=\"title\" value=\"Home\"><CVVAR var=\"page_title\"><title>x</title>"));
+  EXPECT_EQ("1: CVFOR names the variable 'b', which turns the page's <b> tags into that variable\n",
+            checked("<CVFOR var=\"b element='[1]'\" condition=0><b>bold</b></CVFOR>"));
+  // A loop counter "i" that the page never uses for italics is fine.
+  EXPECT_EQ("", checked("<CVFOR var=\"i\" condition=0><i></CVFOR>"));
 }
 
 TEST(PageCheck, KeywordValues) {
