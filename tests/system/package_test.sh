@@ -96,5 +96,24 @@ else
   fail "the manual page does not read"
 fi
 
+# The README's "Deploying" section shows each snippet as the package ships
+# it (after the snippet's opening comment).
+for snippet in lighttpd/10-cvml.conf apache2/cvml.conf nginx/cvml.conf; do
+  if python3 - "$root/README.md" "$root/packaging/$snippet" <<'PY'
+import sys
+readme = open(sys.argv[1]).read()
+lines = open(sys.argv[2]).read().splitlines()
+while lines and lines[0].startswith("#"):
+    lines.pop(0)
+block = "".join("    " + line + "\n" if line else "\n" for line in lines)
+sys.exit(0 if block in readme else 1)
+PY
+  then
+    pass "README shows packaging/$snippet as shipped"
+  else
+    fail "README's Deploying section differs from packaging/$snippet"
+  fi
+done
+
 [ $failed -eq 0 ] && echo "all package checks passed"
 exit $failed
