@@ -9,7 +9,9 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$root/build}" && pwd)
 out=$(mkdir -p "${2:-$build}" && cd "${2:-$build}" && pwd)
-ninja -C "$build" cvml >&2
+# Brought up to date first, unless the caller has just built it (a test
+# running beside others must not relink the program they run).
+[ -n "${CVML_PACKAGE_NO_BUILD:-}" ] || ninja -C "$build" cvml >&2
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
 arch=$(dpkg --print-architecture)

@@ -28,7 +28,7 @@ const char kHelp[] =
     "\n"
     "Run by a web server as a CGI program, cvml runs the page the server names\n"
     "(SCRIPT_FILENAME, or PATH_TRANSLATED when SCRIPT_FILENAME names cvml itself)\n"
-    "and reads no flags.\n"
+    "and reads no flags (GATEWAY_INTERFACE set, or DOCUMENT_ROOT with a request).\n"
     "\n"
     "--check prints one \"file:line: message\" line for each problem found:\n"
     "blocks left open or closed out of order, unknown tags and options, missing\n"
@@ -40,13 +40,16 @@ const char kHelp[] =
     "                   default 32M\n"
     "  CVML_UPLOAD_DIR  directory for the temporary copies of uploaded files;\n"
     "                   default TMPDIR, else /tmp\n"
-    "  DOCUMENT_ROOT    the web root; set, it makes the run a CGI request\n"
+    "  DOCUMENT_ROOT    the web root; set, it makes the run a CGI request (--check\n"
+    "                   looks for includes starting with / under it)\n"
     "\n"
     "See cvml(1).\n";
 
+// A web server sets GATEWAY_INTERFACE, and always a request method; a shell
+// that only sets DOCUMENT_ROOT (for --check) is not a server.
 bool run_by_server() {
   const char* root = std::getenv("DOCUMENT_ROOT");
-  return (root && *root) || std::getenv("GATEWAY_INTERFACE");
+  return std::getenv("GATEWAY_INTERFACE") || (root && *root && std::getenv("REQUEST_METHOD"));
 }
 
 void print(std::FILE* to, std::string_view text) {

@@ -44,7 +44,7 @@ else
 fi
 
 # ---- the .deb -------------------------------------------------------------
-if ! deb=$("$root/scripts/package.sh" "$build" "$work" 2> "$work/package.log"); then
+if ! deb=$(CVML_PACKAGE_NO_BUILD=1 "$root/scripts/package.sh" "$build" "$work" 2> "$work/package.log"); then
   fail "scripts/package.sh failed:"; cat "$work/package.log"
   exit 1
 fi
