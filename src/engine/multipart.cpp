@@ -31,7 +31,7 @@ std::string_view trim(std::string_view s) {
 // Position of `needle` in `haystack` from `from`, or npos; linear time
 // whatever the input (glibc's memmem).
 size_t find_bytes(std::string_view haystack, std::string_view needle, size_t from) {
-  if (from > haystack.size()) return std::string_view::npos;
+  if (from > haystack.size() || haystack.size() - from < needle.size()) return std::string_view::npos;
   const void* hit = ::memmem(haystack.data() + from, haystack.size() - from, needle.data(), needle.size());
   return hit ? static_cast<size_t>(static_cast<const char*>(hit) - haystack.data()) : std::string_view::npos;
 }
