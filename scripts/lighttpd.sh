@@ -17,28 +17,14 @@
 LIGHTTPD_PORT=
 LIGHTTPD_PID=
 LIGHTTPD_DIR=
+LIGHTTPD_SNIPPET=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/packaging/lighttpd/10-cvml.conf
 
-# Writes the wrapper, the configuration and the mime map into LIGHTTPD_DIR.
+# Writes the configuration and the mime map into LIGHTTPD_DIR: the packaged
+# snippet (packaging/lighttpd/10-cvml.conf) with this program in place of
+# /usr/bin/cvml, as an administrator would include it.
 lighttpd_configure() {
   local docroot=$1 cvml=$2 port=$3 env_lines="" var
-  # lighttpd sets PATH_TRANSLATED only when the URL carries extra path
-  # information, and then it maps that extra path, not the page.  cvml needs the
-  # page's full path there, which lighttpd passes as SCRIPT_FILENAME.  Its
-  # SERVER_NAME also lacks the port, and cvml builds redirect addresses from
-  # SERVER_NAME alone, so a server on a port other than 80 adds it.  Neither
-  # can be set per request in the configuration, hence this wrapper as the
-  # .cvm handler.
-  cat > "$LIGHTTPD_DIR/cvml-cgi" <<EOF
-#!/bin/sh
-PATH_TRANSLATED=\$SCRIPT_FILENAME
-export PATH_TRANSLATED
-if [ -n "\$SERVER_PORT" ] && [ "\$SERVER_PORT" != 80 ]; then
-  SERVER_NAME=\$SERVER_NAME:\$SERVER_PORT
-  export SERVER_NAME
-fi
-exec '$cvml' "\$@" 2>>'$LIGHTTPD_DIR/cgi-stderr.log'
-EOF
-  chmod 755 "$LIGHTTPD_DIR/cvml-cgi"
+  sed "s#/usr/bin/cvml#$cvml#" "$LIGHTTPD_SNIPPET" > "$LIGHTTPD_DIR/10-cvml.conf"
 
   # lighttpd gives CGI programs a clean environment; sanitizer settings of the
   # caller are handed on so a sanitizer build behaves the same under the server,
@@ -54,10 +40,11 @@ server.port = $port
 server.errorlog = "$LIGHTTPD_DIR/error.log"
 server.pid-file = "$LIGHTTPD_DIR/lighttpd.pid"
 server.upload-dirs = ( "$LIGHTTPD_DIR" )
-server.modules = ( "mod_indexfile", "mod_setenv", "mod_staticfile", "mod_cgi" )
-index-file.names = ( "index.cvm", "index.html" )
-static-file.exclude-extensions = ( ".cvm" )
-cgi.assign = ( ".cvm" => "$LIGHTTPD_DIR/cvml-cgi" )
+# What the pages write to standard error.
+server.breakagelog = "$LIGHTTPD_DIR/cgi-stderr.log"
+server.modules = ( "mod_indexfile", "mod_setenv", "mod_staticfile" )
+index-file.names = ( "index.html" )
+include "$LIGHTTPD_DIR/10-cvml.conf"
 # A page that never ends is stopped when it has not answered for this long.
 cgi.limits = ( "read-timeout" => ${LIGHTTPD_CGI_TIMEOUT:-30} )
 setenv.add-environment = ( $env_lines )

@@ -8,9 +8,11 @@ set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 
-"$root/scripts/setup.sh" >&2 || { echo "set-up failed" >&2; exit 1; }
+"$root/scripts/setup.sh" run >&2 || { echo "set-up failed" >&2; exit 1; }
 if [ ! -f "$build/build.ninja" ]; then
-  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >&2 || exit 1
+  # Serving needs only the program: the tests (and GoogleTest) stay out
+  # until scripts/test.sh turns them on in the same directory.
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCVML_TESTS=OFF >&2 || exit 1
 fi
 ninja -C "$build" -j "${JOBS:-2}" cvml >&2 || { echo "build failed" >&2; exit 1; }
 cvml=$(cd "$build" && pwd)/cvml

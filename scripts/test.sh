@@ -19,14 +19,19 @@ step() { printf '\n==== %s ====\n' "$*"; }
 fail() { failures+=("$1"); echo "FAILED: $1"; }
 
 step "set-up"
-"$root/scripts/setup.sh" || { echo "set-up failed"; exit 1; }
+"$root/scripts/setup.sh" test || { echo "set-up failed"; exit 1; }
 
 # configure <dir> [cmake args...]: configures once; later runs reuse the cache
-# (CMake re-globs sources itself on the next build).
+# (CMake re-globs sources itself on the next build).  A directory that
+# scripts/run.sh configured without the tests gets them turned on.
 configure() {
   local dir=$1; shift
-  if [ -f "$dir/build.ninja" ]; then return 0; fi
-  cmake -S "$root" -B "$dir" -G Ninja "$@"
+  if [ -f "$dir/build.ninja" ]; then
+    grep -q '^CVML_TESTS:BOOL=OFF' "$dir/CMakeCache.txt" 2>/dev/null || return 0
+    cmake -S "$root" -B "$dir" -DCVML_TESTS=ON
+    return
+  fi
+  cmake -S "$root" -B "$dir" -G Ninja -DCVML_TESTS=ON "$@"
 }
 
 # ---- normal build --------------------------------------------------------

@@ -1,6 +1,7 @@
 // Program entry: mode decision, page location, start-up order, clean-up.
 #include "program/startup.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -12,6 +13,10 @@
 #include "runtime/run.h"
 #include "runtime/output.h"
 #include "runtime/report.h"
+#include "runtime/run.h"
+#include "runtime/output.h"
+#include "runtime/report.h"
+#include "runtime/uploads.h"
 #include "functions/cvfile.h"
 #include "net/cvweb.h"
 #include "values/decimal.h"
@@ -54,6 +59,18 @@ bool starts_with_nocase(std::string_view text, std::string_view prefix) {
   return true;
 }
 
+// True when `path` is this program's own file: a server that runs the
+// program as an action handler (or through fcgiwrap) names the program in
+// SCRIPT_FILENAME and the page in PATH_TRANSLATED.
+bool names_this_program(const char* path) {
+  struct stat named, self;
+  if (::stat(path, &named) != 0) return false;
+  bool known = ::stat("/proc/self/exe", &self) == 0;
+  if (!known && !engine.argv.empty() && engine.argv[0].find('/') != std::string::npos)
+    known = ::stat(engine.argv[0].c_str(), &self) == 0;
+  return known && named.st_dev == self.st_dev && named.st_ino == self.st_ino;
+}
+
 bool command_line_setup() {
   Settings& s = engine.settings;
   if (engine.argv.size() < 2) return fail_start("Syntax:  CVML[.EXE] FilenameToParse\n");
@@ -94,7 +111,12 @@ bool web_server_setup() {
   drop_trailing_slash(s.doc_root);
   if (::chdir(s.doc_root.empty() ? "/" : s.doc_root.c_str()) != 0)
     return fail_start("Unable to change directories to DOCUMENT_ROOT.  DOCUMENT_ROOT = " + s.doc_root + ".\n");
-  const char* translated = std::getenv("PATH_TRANSLATED");
+  // A server that maps the page to this program as its handler names the
+  // page in SCRIPT_FILENAME; then extra path information in the URL (which
+  // becomes PATH_TRANSLATED) never chooses the page.
+  const char* script = std::getenv("SCRIPT_FILENAME");
+  const char* translated =
+      script && *script && !names_this_program(script) ? script : std::getenv("PATH_TRANSLATED");
   if (!translated)
     return fail_start("Server doesn't support proper CGI execution.  Expected PATH_TRANSLATED environment "
                       "variable to contain file information.\n");
@@ -213,6 +235,7 @@ int cvml_main(int argc, char** argv, char** envp) {
   config_setup(argc > 0 ? argv[0] : "");
   if (!engine_init()) {
     fail_start("Error:  Error initializing Corvane...aborting.\n");
+    remove_uploads();
     return 0;
   }
 
@@ -235,5 +258,6 @@ int cvml_main(int argc, char** argv, char** envp) {
   database_shutdown();
   decimal_engine_stop();
   cvweb_close_all();
+  remove_uploads();
   return 0;
 }

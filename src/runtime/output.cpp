@@ -12,6 +12,11 @@
 #include "runtime/report.h"
 #include "base/encoders.h"
 #include "base/nocase.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "runtime/server_address.h"
+#include "base/encoders.h"
+#include "base/nocase.h"
 
 void write_stdout(std::string_view bytes) {
   // Written straight to the descriptor: the bytes go out exactly as they
@@ -177,7 +182,8 @@ ValuePtr cvlocation_handler(const ParsedTag& tag) {
   const std::string* location = tag_option(tag, "location");
   if (!location) return report_failure(tag, option_required_message("CVLOCATION", "location"));
   engine.stop = true;
-  std::string target = *location;
+  // Line breaks and NUL bytes from the page never reach the header block.
+  std::string target = without(*location, std::string_view("\r\n\0", 3));
   for (char& c : target) {
     if (c == '\\') c = '/';
   }
@@ -186,10 +192,7 @@ ValuePtr cvlocation_handler(const ParsedTag& tag) {
   if (!resolve_page_directory(ctx->directory, target, &dir)) {
     header_line("Location: " + target + "\n");
   } else {
-    // Without SERVER_NAME (a run from a shell) the local host stands in.
-    const char* server = std::getenv("SERVER_NAME");
-    std::string host = server ? server : "localhost";
-    header_line("Location: http://" + host + dir + std::string(last_path_part(target)) + "\n");
+    header_line("Location: " + server_base_url() + dir + std::string(last_path_part(target)) + "\n");
   }
   return value_new();
 }

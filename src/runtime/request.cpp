@@ -10,6 +10,12 @@
 #include "runtime/report.h"
 #include "program/startup.h"
 #include "base/encoders.h"
+#include "runtime/run.h"
+#include "runtime/report.h"
+#include "program/startup.h"
+#include "runtime/multipart.h"
+#include "runtime/uploads.h"
+#include "base/encoders.h"
 
 std::vector<RequestPair> parse_pairs(std::string_view text, size_t max_pairs) {
   std::vector<RequestPair> pairs;
@@ -159,8 +165,21 @@ void request_variables() {
   }
 
   if (is_post()) {
-    std::string body = read_post_body(content_length());
-    if (!body.empty()) {
+    size_t length = content_length(), limit = upload_limit();
+    std::string body;
+    if (length > limit)
+      report_diagnostic("Warning:  The POST body of " + std::to_string(length) + " bytes is larger than the upload "
+                        "limit of " + std::to_string(limit) + " bytes (CVML_MAX_UPLOAD); it was not read.\n");
+    else
+      body = read_post_body(length);
+    const char* type = std::getenv("CONTENT_TYPE");
+    if (!body.empty() && type && is_multipart_form(type)) {
+      std::vector<RequestPair> pairs;
+      ValuePtr files = multipart_request(body, type, &pairs);
+      if (files) set_variable("HTTPFILES", std::move(files));
+      std::reverse(pairs.begin(), pairs.end());
+      if (!pairs.empty()) set_variable("HTTPPOST", hash_of_pairs(std::move(pairs)));
+    } else if (!body.empty()) {
       std::vector<RequestPair> pairs = bounded_pairs(body, false, "POST body");
       std::reverse(pairs.begin(), pairs.end());
       set_variable("HTTPPOST", hash_of_pairs(std::move(pairs)));
