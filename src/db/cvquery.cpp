@@ -44,15 +44,23 @@ constexpr std::string_view kRowseekNotQuery =
 // The environment is made on the first query of a run, so pages without
 // queries never load the driver manager.  A failed start-up keeps its text,
 // which then explains every failed connection.
-struct Database {
+struct Database : RunState {
   bool init_tried = false;
   std::unique_ptr<SqlEnv> env;
   std::string init_error;
   // Newest first; searched by data source name.
   std::vector<std::unique_ptr<SqlConnection>> connections;
+  // The run's connections are closed and the driver manager let go when
+  // the run ends.
+  ~Database() override {
+    std::string ignored;  // the page has been sent; there is nowhere to show it
+    for (auto& c : connections) sql_disconnect(ignored, c);
+    connections.clear();
+    if (env) sql_shutdown(ignored, env);
+  }
 };
 
-Database db;
+Database& database(Run& run) { return run_state<Database>(run, STATE_DATABASE); }
 
 // A time-out in seconds from the environment: whole seconds up to a day, 0
 // for none; anything else leaves the default.
@@ -67,43 +75,43 @@ uint32_t timeout_setting(const char* name, uint32_t fallback) {
   return n <= 86400 ? n : fallback;
 }
 
-SqlConnection* cached_connection(std::string_view datasource) {
-  for (const auto& c : db.connections)
+SqlConnection* cached_connection(Run& run, std::string_view datasource) {
+  for (const auto& c : database(run).connections)
     if (equals_nocase(c->datasource, datasource)) return c.get();
   return nullptr;
 }
 
 // Runs one node of the current context into the capturing body buffer,
 // starting the buffer afresh when the node restarted the output.
-void capture_node() {
+void capture_node(Run& run) {
   std::string out;
-  if (!process_current_node(out)) {
-    report_internal_error();
-    engine.stop = true;
+  if (!process_current_node(run, out)) {
+    report_internal_error(run);
+    run.stop = true;
     return;
   }
-  const PageContext* ctx = current_context();
-  if (!engine.abandon && !engine.body_discard && ctx && ctx->output_mode == OUTPUT_NORMAL) body_append(out);
-  if (engine.abandon || engine.header_discard) engine.header = dyn_new();
-  if (engine.abandon || engine.body_discard) engine.body = dyn_new();
-  engine.abandon = engine.body_discard = engine.header_discard = false;
+  const PageContext* ctx = current_context(run);
+  if (!run.abandon && !run.body_discard && ctx && ctx->output_mode == OUTPUT_NORMAL) body_append(run, out);
+  if (run.abandon || run.header_discard) run.header = dyn_new();
+  if (run.abandon || run.body_discard) run.body = dyn_new();
+  run.abandon = run.body_discard = run.header_discard = false;
 }
 
 // The processed body up to the matching </CVQUERY>, whose handler ends the
 // walk by replacing this tag's stack entry.  False when the block is not
 // closed in this context.
-bool collect_body(std::string* sql) { return run_block_captured(capture_node, sql); }
+bool collect_body(Run& run, std::string* sql) { return run_block_captured(run, capture_node, sql); }
 
 // Reports a failure of the ODBC layer: its text above the report.  The
 // body has been walked by then, so the report is pointed back at the
 // CVQUERY tag for its line and original form.
-void report_layer_error(uint32_t self, const ParsedTag& tag, const std::string& err,
+void report_layer_error(Run& run, uint32_t self, const ParsedTag& tag, const std::string& err,
                         std::string_view message) {
-  PageContext* ctx = current_context();
+  PageContext* ctx = current_context(run);
   uint32_t after = ctx->current;
   ctx->current = self;
-  report_diagnostic(err);
-  report_error(tag, message);
+  report_diagnostic(run, err);
+  report_error(run, tag, message);
   ctx->current = after;
 }
 
@@ -114,11 +122,11 @@ ParsedTag sql_node(const std::string& sql) {
   return node;
 }
 
-void write_sql_statistics(const SqlQuery& q) {
-  const PageContext* ctx = current_context();
+void write_sql_statistics(Run& run, const SqlQuery& q) {
+  const PageContext* ctx = current_context(run);
   if (!ctx || ctx->debug != DEBUG_ON) return;
-  if (!engine.sql_stats) engine.sql_stats = dyn_new();
-  DynString* out = engine.sql_stats.get();
+  if (!run.sql_stats) run.sql_stats = dyn_new();
+  DynString* out = run.sql_stats.get();
   if (out->data.empty()) dyn_puts(out, "\n\nSQL Statistics:\n\n");
   uint32_t rows = q.result ? result_row_count(*q.result) : 0;
   uint32_t columns = q.result ? result_column_count(*q.result) : 0;
@@ -134,74 +142,74 @@ void write_sql_statistics(const SqlQuery& q) {
 
 // <CVQUERY var=reference datasource=name [username=...] [password=...]>
 //   SQL text </CVQUERY>
-ValuePtr cvquery_handler(const ParsedTag& tag) {
+ValuePtr cvquery_handler(Run& run, const ParsedTag& tag) {
   const std::string* var = tag_option(tag, "var");
   if (!var) {
-    report_error(tag, option_required_message("CVQUERY", "var"));
+    report_error(run, tag, option_required_message("CVQUERY", "var"));
     return value_new();
   }
   const std::string* datasource = tag_option(tag, "datasource");
   if (!datasource) {
-    report_error(tag, option_required_message("CVQUERY", "datasource"));
+    report_error(run, tag, option_required_message("CVQUERY", "datasource"));
     return value_new();
   }
   const std::string* username = tag_option(tag, "username");
   const std::string* password = tag_option(tag, "password");
-  if (!level4_resolve(*var)) {
-    report_error(tag, kNotObtained);
+  if (!level4_resolve(run, *var)) {
+    report_error(run, tag, kNotObtained);
     return value_new();
   }
-  if (!current_context() || current_context()->current == kNoNode) {
-    report_error(tag, kNotClosed);
+  if (!current_context(run) || current_context(run)->current == kNoNode) {
+    report_error(run, tag, kNotClosed);
     return value_new();
   }
-  uint32_t self = current_context()->current;
+  uint32_t self = current_context(run)->current;
   std::string sql;
-  if (!collect_body(&sql)) {
-    report_error(tag, kNotClosed);
+  if (!collect_body(run, &sql)) {
+    report_error(run, tag, kNotClosed);
     return value_new();
   }
-  if (engine.stop) return value_new();
+  if (run.stop) return value_new();
 
   std::string err;
-  SqlConnection* conn = cached_connection(*datasource);
+  SqlConnection* conn = cached_connection(run, *datasource);
   if (!conn) {
-    if (!db.init_tried) {
-      db.init_tried = true;
-      db.env = sql_init(db.init_error);
-      if (db.env) {
-        db.env->login_timeout = timeout_setting("CVML_DB_LOGIN_TIMEOUT", kDefaultLoginTimeout);
-        db.env->query_timeout = timeout_setting("CVML_DB_QUERY_TIMEOUT", kDefaultQueryTimeout);
+    if (!database(run).init_tried) {
+      database(run).init_tried = true;
+      database(run).env = sql_init(database(run).init_error);
+      if (database(run).env) {
+        database(run).env->login_timeout = timeout_setting("CVML_DB_LOGIN_TIMEOUT", kDefaultLoginTimeout);
+        database(run).env->query_timeout = timeout_setting("CVML_DB_QUERY_TIMEOUT", kDefaultQueryTimeout);
       }
     }
     // A password means nothing without a user name.
     std::string_view user = username ? std::string_view(*username) : std::string_view();
     std::string_view pass = username && password ? std::string_view(*password) : std::string_view();
-    std::unique_ptr<SqlConnection> made = sql_connect(db.env.get(), err, *datasource, user, pass);
-    if (!db.env) err += db.init_error;
+    std::unique_ptr<SqlConnection> made = sql_connect(database(run).env.get(), err, *datasource, user, pass);
+    if (!database(run).env) err += database(run).init_error;
     if (!made || !err.empty()) {
-      report_layer_error(self, tag, err, "Error connecting to the datasource.  See the message above for details.");
+      report_layer_error(run, self, tag, err, "Error connecting to the datasource.  See the message above for details.");
       return value_new();
     }
     conn = made.get();
-    db.connections.insert(db.connections.begin(), std::move(made));
+    database(run).connections.insert(database(run).connections.begin(), std::move(made));
   }
 
   std::unique_ptr<SqlQuery> query = sql_query_new(err, conn);
   if (!query || !err.empty()) {
-    report_layer_error(self, tag, err, "Error allocating space for the SQL statement.  See the message above for details.");
+    report_layer_error(run, self, tag, err, "Error allocating space for the SQL statement.  See the message above for details.");
     return value_new();
   }
   if (!sql_query_set_text(err, query.get(), sql) || !err.empty()) {
-    report_layer_error(self, sql_node(sql), err, "Error copying the SQL statement.  See the message above for details.");
+    report_layer_error(run, self, sql_node(sql), err, "Error copying the SQL statement.  See the message above for details.");
     return value_new();
   }
   if (!sql_query_execute(err, query.get()) || !err.empty()) {
-    report_layer_error(self, sql_node(sql), err, "Error executing the SQL statement.  See the message above for details.");
+    report_layer_error(run, self, sql_node(sql), err, "Error executing the SQL statement.  See the message above for details.");
     sql_query_free(err, std::move(query));
     return value_new();
   }
-  write_sql_statistics(*query);
+  write_sql_statistics(run, *query);
 
   ValuePtr result = value_new();
   result->type = VT_QUERY;
@@ -216,9 +224,9 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
 
   // An included page in the body may have replaced the name table, so the
   // variable is looked up afresh.
-  Value* v = level4_resolve(*var);
+  Value* v = level4_resolve(run, *var);
   if (!v) {
-    report_error(tag, kNotObtained);
+    report_error(run, tag, kNotObtained);
     return value_new();
   }
   value_assign(v, result.get());
@@ -226,10 +234,10 @@ ValuePtr cvquery_handler(const ParsedTag& tag) {
 }
 
 // </CVQUERY>: ends the collection of the innermost CVQUERY body.
-ValuePtr cvquery_close_handler(const ParsedTag& tag) {
-  PageContext* ctx = current_context();
+ValuePtr cvquery_close_handler(Run& run, const ParsedTag& tag) {
+  PageContext* ctx = current_context(run);
   if (!ctx || ctx->tag_stack.empty() || !node_is(*ctx, ctx->tag_stack.back(), TAG_CVQUERY)) {
-    report_error(tag, kNotOnStack);
+    report_error(run, tag, kNotOnStack);
     return value_new();
   }
   ctx->tag_stack.back() = ctx->current;
@@ -239,19 +247,19 @@ ValuePtr cvquery_close_handler(const ParsedTag& tag) {
 // <CV-ROWSEEK var=reference next | prev | previous | increment=n | seek=n>
 // Yields 1 when the new current row is a row of the result, else 0 and the
 // pointer goes back to "no row".
-ValuePtr cvrowseek_handler(const ParsedTag& tag) {
+ValuePtr cvrowseek_handler(Run& run, const ParsedTag& tag) {
   const std::string* var = tag_option(tag, "var");
   if (!var) {
-    report_error(tag, option_required_message("CV-ROWSEEK", "var"));
+    report_error(run, tag, option_required_message("CV-ROWSEEK", "var"));
     return value_new();
   }
-  Value* v = level4_resolve(*var);
+  Value* v = level4_resolve(run, *var);
   if (!v) {
-    report_error(tag, kRowseekNotObtained);
+    report_error(run, tag, kRowseekNotObtained);
     return value_new();
   }
   if (v->type != VT_QUERY || !v->query || !v->query->result) {
-    report_error(tag, kRowseekNotQuery);
+    report_error(run, tag, kRowseekNotQuery);
     return value_new();
   }
   QueryPayload& q = *v->query;
@@ -260,8 +268,8 @@ ValuePtr cvrowseek_handler(const ParsedTag& tag) {
   uint32_t rows = result_row_count(rs);
 
   auto number_of = [&](const char* option, const std::string& text, int64_t* n) {
-    if (evaluate_whole_option(text, n)) return true;
-    report_error(tag, "CV-ROWSEEK requires the '" + std::string(option) +
+    if (evaluate_whole_option(run, text, n)) return true;
+    report_error(run, tag, "CV-ROWSEEK requires the '" + std::string(option) +
                           "' option to be a number.  See the Corvane documentation for details.");
     return false;
   };
@@ -286,10 +294,3 @@ ValuePtr cvrowseek_handler(const ParsedTag& tag) {
   return value_from_integer(0);
 }
 
-void database_shutdown() {
-  std::string ignored;  // the page has been sent; there is nowhere to show it
-  for (auto& c : db.connections) sql_disconnect(ignored, c);
-  db.connections.clear();
-  if (db.env) sql_shutdown(ignored, db.env);
-  db = Database{};
-}

@@ -5,10 +5,10 @@
 #include "page/tag.h"
 #include "values/value.h"
 
-ValuePtr cvquery_handler(const ParsedTag& tag);
-ValuePtr cvquery_close_handler(const ParsedTag& tag);
-ValuePtr cvrowseek_handler(const ParsedTag& tag);
+struct Run;
+
+ValuePtr cvquery_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvquery_close_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvrowseek_handler(Run& run, const ParsedTag& tag);
 
 // Disconnects every cached connection and frees the ODBC environment; the
-// end of a run calls it.
-void database_shutdown();

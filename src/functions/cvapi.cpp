@@ -91,15 +91,15 @@ mode_t apply_attributes(mode_t mode, std::string_view attrib) {
   return mode;
 }
 
-ValuePtr run_chmod(const ParsedTag& tag) {
+ValuePtr run_chmod(Run& run, const ParsedTag& tag) {
   const std::string* file = tag_option(tag, "file");
-  if (!file) return report_failure(tag, with_function_message("file", "chmod"));
+  if (!file) return report_failure(run, tag, with_function_message("file", "chmod"));
   const std::string* attrib = tag_option(tag, "attrib");
-  if (!attrib || attrib->size() != 4) return report_failure(tag, kBadAttrib);
+  if (!attrib || attrib->size() != 4) return report_failure(run, tag, kBadAttrib);
   std::string path;
-  if (!web_space_path(*file, "", &path)) return report_failure(tag, kWebProtocol);
+  if (!web_space_path(run, *file, "", &path)) return report_failure(run, tag, kWebProtocol);
   struct stat info;
-  if (::stat(path.c_str(), &info) != 0) return report_failure(tag, kNotFound);
+  if (::stat(path.c_str(), &info) != 0) return report_failure(run, tag, kNotFound);
   mode_t mode = info.st_mode & 07777;
   mode_t changed = apply_attributes(mode, *attrib);
   if (changed != mode) ::chmod(path.c_str(), changed);
@@ -144,16 +144,16 @@ struct DirCloser {
   void operator()(DIR* d) const { ::closedir(d); }
 };
 
-ValuePtr run_dirinfo(const ParsedTag& tag) {
+ValuePtr run_dirinfo(Run& run, const ParsedTag& tag) {
   const std::string* dir = tag_option(tag, "dir");
-  if (!dir) return report_failure(tag, with_function_message("dir", "dirinfo"));
+  if (!dir) return report_failure(run, tag, with_function_message("dir", "dirinfo"));
   const std::string* var_name = tag_option(tag, "var");
-  if (!var_name) return report_failure(tag, with_function_message("var", "dirinfo"));
-  if (!level4_resolve(*var_name)) return report_failure(tag, kNotObtained);
+  if (!var_name) return report_failure(run, tag, with_function_message("var", "dirinfo"));
+  if (!level4_resolve(run, *var_name)) return report_failure(run, tag, kNotObtained);
   std::string path;
-  if (!web_space_path(*dir, "", &path)) return report_failure(tag, kWebProtocol);
+  if (!web_space_path(run, *dir, "", &path)) return report_failure(run, tag, kWebProtocol);
   struct stat info;
-  if (::stat(path.c_str(), &info) != 0) return report_failure(tag, kNotFound);
+  if (::stat(path.c_str(), &info) != 0) return report_failure(run, tag, kNotFound);
 
   std::string own = path;
   while (own.size() > 1 && own.back() == '/') own.pop_back();
@@ -181,8 +181,8 @@ ValuePtr run_dirinfo(const ParsedTag& tag) {
   }
   // Resolved again: nothing above may have moved it, but the table is the
   // one place that owns variables.
-  Value* var = level4_resolve(*var_name);
-  if (!var) return report_failure(tag, kNotObtained);
+  Value* var = level4_resolve(run, *var_name);
+  if (!var) return report_failure(run, tag, kNotObtained);
   value_assign(var, table.get());
   return value_new();
 }
@@ -190,17 +190,17 @@ ValuePtr run_dirinfo(const ParsedTag& tag) {
 // ---------------------------------------------------------------------------
 // sleep and uptime
 
-ValuePtr run_sleep(const ParsedTag& tag) {
+ValuePtr run_sleep(Run& run, const ParsedTag& tag) {
   const std::string* value = tag_option(tag, "value");
-  if (!value) return report_failure(tag, with_function_message("value", "sleep"));
-  ValuePtr v = evaluate_number_option(*value);
-  if (engine.stop) return value_new();
+  if (!value) return report_failure(run, tag, with_function_message("value", "sleep"));
+  ValuePtr v = evaluate_number_option(run, *value);
+  if (run.stop) return value_new();
   double ms = -1;
   if (v && v->type == VT_DECIMAL && !decimal_is_negative(v->decimal))
     ms = decimal_to_double(v->decimal);
   else if (v && v->type == VT_NUMBER && v->number >= -0.000001)
     ms = v->number;
-  if (ms < -0.000001 || ms != ms) return report_failure(tag, kBadSleep);
+  if (ms < -0.000001 || ms != ms) return report_failure(run, tag, kBadSleep);
   int64_t whole = ms > kMaxSleepMs ? kMaxSleepMs : static_cast<int64_t>(ms);
   if (whole <= 0) return value_new();
   struct timespec wait = {static_cast<time_t>(whole / 1000), static_cast<long>(whole % 1000) * 1000000L};
@@ -232,17 +232,17 @@ int cvapi_function_code(std::string_view name) {
   return -1;
 }
 
-ValuePtr cvapi_handler(const ParsedTag& tag) {
+ValuePtr cvapi_handler(Run& run, const ParsedTag& tag) {
   const std::string* function = tag_option(tag, "function");
-  if (!function) return report_failure(tag, option_required_message("CV-API", "function"));
+  if (!function) return report_failure(run, tag, option_required_message("CV-API", "function"));
   std::string name;
   for (char c : *function)
     if (c != ' ' && c != '\t' && c != '\r' && c != '\n') name += c;
   switch (cvapi_function_code(name)) {
-    case F_CHMOD: return run_chmod(tag);
-    case F_DIRINFO: return run_dirinfo(tag);
-    case F_SLEEP: return run_sleep(tag);
+    case F_CHMOD: return run_chmod(run, tag);
+    case F_DIRINFO: return run_dirinfo(run, tag);
+    case F_SLEEP: return run_sleep(run, tag);
     case F_UPTIME: return run_uptime();
-    default: return report_failure(tag, kNotValid);
+    default: return report_failure(run, tag, kNotValid);
   }
 }

@@ -63,21 +63,23 @@ struct OpenFile {
   FilePtr stream;
 };
 
-std::vector<OpenFile>& open_files() {
-  static std::vector<OpenFile> table;
-  return table;
-}
+// The run's open files; those still open are closed when the run ends.
+struct FileTable : RunState {
+  std::vector<OpenFile> files;
+};
+
+std::vector<OpenFile>& open_files(Run& run) { return run_state<FileTable>(run, STATE_FILES).files; }
 
 
 // The variable a required option names, or null after reporting.
-Value* obtain(const ParsedTag& tag, std::string_view option, std::string_view missing_message = {}) {
+Value* obtain(Run& run, const ParsedTag& tag, std::string_view option, std::string_view missing_message = {}) {
   const std::string* reference = tag_option(tag, option);
   if (!reference) {
-    report_error(tag, missing_message.empty() ? option_required_message("CVFILE", option) : missing_message);
+    report_error(run, tag, missing_message.empty() ? option_required_message("CVFILE", option) : missing_message);
     return nullptr;
   }
-  Value* v = level4_resolve(*reference);
-  if (!v) report_error(tag, kNotObtained);
+  Value* v = level4_resolve(run, *reference);
+  if (!v) report_error(run, tag, kNotObtained);
   return v;
 }
 
@@ -101,10 +103,10 @@ int64_t file_size(std::FILE* f) {
 // ---------------------------------------------------------------------------
 // With a file name
 
-ValuePtr open_file(const ParsedTag& tag, const std::string& path) {
-  Value* var = obtain(tag, "filevar");
+ValuePtr open_file(Run& run, const ParsedTag& tag, const std::string& path) {
+  Value* var = obtain(run, tag, "filevar");
   if (!var) return value_new();
-  std::vector<OpenFile>& table = open_files();
+  std::vector<OpenFile>& table = open_files(run);
   table.push_back(OpenFile{path, nullptr});
   FilePtr f(std::fopen(path.c_str(), "r+b"));
   if (!f) {
@@ -117,7 +119,7 @@ ValuePtr open_file(const ParsedTag& tag, const std::string& path) {
   }
   if (!f) {
     table.back().path.clear();
-    return report_failure(tag, kOpenFailed);
+    return report_failure(run, tag, kOpenFailed);
   }
   table.back().stream = std::move(f);
   store(var, value_from_integer(static_cast<int32_t>(table.size() - 1)));
@@ -127,11 +129,11 @@ ValuePtr open_file(const ParsedTag& tag, const std::string& path) {
 // ---------------------------------------------------------------------------
 // With a handle
 
-ValuePtr seek_file(const ParsedTag& tag, std::FILE* f, const std::string& seek) {
+ValuePtr seek_file(Run& run, const ParsedTag& tag, std::FILE* f, const std::string& seek) {
   int64_t target = 0;
-  bool number = evaluate_whole_option(seek, &target);
-  if (engine.stop) return value_new();
-  if (!number) return report_failure(tag, kSeekNotNumber);
+  bool number = evaluate_whole_option(run, seek, &target);
+  if (run.stop) return value_new();
+  if (!number) return report_failure(run, tag, kSeekNotNumber);
   int64_t size = file_size(f);
   const std::string* position = tag_option(tag, "position");
   if (!position || keyword_is(*position, "start")) {
@@ -140,7 +142,7 @@ ValuePtr seek_file(const ParsedTag& tag, std::FILE* f, const std::string& seek) 
   } else if (keyword_is(*position, "end")) {
     target += size;
   } else {
-    return report_failure(tag, kBadPosition);
+    return report_failure(run, tag, kBadPosition);
   }
   fseeko(f, target < 0 ? 0 : target > size ? size : target, SEEK_SET);
   return value_new();
@@ -164,8 +166,8 @@ std::string read_line(std::FILE* f) {
   return line;
 }
 
-ValuePtr read_file(const ParsedTag& tag, std::FILE* f, const std::string& how) {
-  Value* var = obtain(tag, "var", kReadNeedsVar);
+ValuePtr read_file(Run& run, const ParsedTag& tag, std::FILE* f, const std::string& how) {
+  Value* var = obtain(run, tag, "var", kReadNeedsVar);
   if (!var) return value_new();
   fseeko(f, 0, SEEK_CUR);  // reading may follow writing
   std::string bytes;
@@ -183,10 +185,10 @@ ValuePtr read_file(const ParsedTag& tag, std::FILE* f, const std::string& how) {
     }
   } else {
     int64_t count = 0;
-    bool number = evaluate_whole_option(how, &count);
-    if (engine.stop) return value_new();
-    if (!number) return report_failure(tag, kReadNotNumber);
-    if (count < 0) return report_failure(tag, kReadNegative);
+    bool number = evaluate_whole_option(run, how, &count);
+    if (run.stop) return value_new();
+    if (!number) return report_failure(run, tag, kReadNotNumber);
+    if (count < 0) return report_failure(run, tag, kReadNegative);
     int64_t left = file_size(f) - ftello(f);
     size_t want = static_cast<size_t>(std::max<int64_t>(0, std::min(count, left)));
     bytes.resize(want);
@@ -194,39 +196,39 @@ ValuePtr read_file(const ParsedTag& tag, std::FILE* f, const std::string& how) {
     got = !bytes.empty();
   }
   // The variable may have moved while the count was evaluated.
-  if (!(var = level4_resolve(*tag_option(tag, "var")))) return report_failure(tag, kNotObtained);
+  if (!(var = level4_resolve(run, *tag_option(tag, "var")))) return report_failure(run, tag, kNotObtained);
   store(var, got ? value_from_string(std::move(bytes)) : value_new());
   return value_new();
 }
 
-ValuePtr write_file(const ParsedTag& tag, std::FILE* f) {
-  Value* var = obtain(tag, "writevar");
+ValuePtr write_file(Run& run, const ParsedTag& tag, std::FILE* f) {
+  Value* var = obtain(run, tag, "writevar");
   if (!var) return value_new();
   ValuePtr text = value_to_string(*var);
-  if (!text || text->type != VT_STRING) return report_failure(tag, kInternal);
+  if (!text || text->type != VT_STRING) return report_failure(run, tag, kInternal);
   std::string bytes = value_text(*text);
   fseeko(f, 0, SEEK_CUR);  // writing may follow reading
-  if (std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) return report_failure(tag, kInternal);
+  if (std::fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size()) return report_failure(run, tag, kInternal);
   std::fflush(f);
   return value_new();
 }
 
-ValuePtr store_into(const ParsedTag& tag, std::string_view option, ValuePtr v) {
-  Value* var = obtain(tag, option);
+ValuePtr store_into(Run& run, const ParsedTag& tag, std::string_view option, ValuePtr v) {
+  Value* var = obtain(run, tag, option);
   if (var) store(var, std::move(v));
   return value_new();
 }
 
-ValuePtr handle_operation(const ParsedTag& tag) {
-  Value* handle_var = obtain(tag, "filevar");
+ValuePtr handle_operation(Run& run, const ParsedTag& tag) {
+  Value* handle_var = obtain(run, tag, "filevar");
   if (!handle_var) return value_new();
   // The handle openfile stored is an integer; a page may also have put it
   // there as a number of either kind.
   int64_t handle = -1;
   if (!stored_handle(*handle_var, &handle)) handle = -1;
-  std::vector<OpenFile>& table = open_files();
+  std::vector<OpenFile>& table = open_files(run);
   if (handle < 0 || handle >= static_cast<int64_t>(table.size()) || !table[handle].stream)
-    return report_failure(tag, kBadHandle);
+    return report_failure(run, tag, kBadHandle);
   OpenFile& slot = table[handle];
   std::FILE* f = slot.stream.get();
 
@@ -235,44 +237,42 @@ ValuePtr handle_operation(const ParsedTag& tag) {
     slot.path.clear();
     return value_new();
   }
-  if (const std::string* seek = tag_option(tag, "seek")) return seek_file(tag, f, *seek);
-  if (const std::string* how = tag_option(tag, "read")) return read_file(tag, f, *how);
-  if (tag_option(tag, "writevar")) return write_file(tag, f);
-  if (tag_option(tag, "positionvar")) return store_into(tag, "positionvar", offset_value(ftello(f)));
-  if (tag_option(tag, "eofvar")) return store_into(tag, "eofvar", value_from_integer(std::feof(f) ? 32 : 0));
-  if (tag_option(tag, "filesizevar")) return store_into(tag, "filesizevar", offset_value(file_size(f)));
+  if (const std::string* seek = tag_option(tag, "seek")) return seek_file(run, tag, f, *seek);
+  if (const std::string* how = tag_option(tag, "read")) return read_file(run, tag, f, *how);
+  if (tag_option(tag, "writevar")) return write_file(run, tag, f);
+  if (tag_option(tag, "positionvar")) return store_into(run, tag, "positionvar", offset_value(ftello(f)));
+  if (tag_option(tag, "eofvar")) return store_into(run, tag, "eofvar", value_from_integer(std::feof(f) ? 32 : 0));
+  if (tag_option(tag, "filesizevar")) return store_into(run, tag, "filesizevar", offset_value(file_size(f)));
   return value_new();
 }
 
 }  // namespace
 
-bool web_space_path(std::string_view name, std::string_view default_name, std::string* path) {
+bool web_space_path(Run& run, std::string_view name, std::string_view default_name, std::string* path) {
   if (name.find('\0') != std::string_view::npos) return false;
   std::string target(name);
   // A final "." or ".." names a directory: resolve it as one, so that it
   // cannot be joined to the page directory unresolved.
   std::string_view last = last_path_part(target);
   if (last == "." || last == "..") target += '/';
-  const PageContext* ctx = current_context();
+  const PageContext* ctx = current_context(run);
   std::string directory;
   if (!resolve_page_directory(ctx ? ctx->directory : std::string("/"), target, &directory)) return false;
   std::string file(last_path_part(target));
   if (file.empty()) file = default_name;
-  *path = engine.settings.doc_root + directory + file;
+  *path = run.settings.doc_root + directory + file;
   return true;
 }
 
-void cvfile_close_all() { open_files().clear(); }
-
-ValuePtr cvfile_handler(const ParsedTag& tag) {
+ValuePtr cvfile_handler(Run& run, const ParsedTag& tag) {
   const std::string* filename = tag_option(tag, "filename");
-  if (!filename) return handle_operation(tag);
+  if (!filename) return handle_operation(run, tag);
   std::string path;
-  if (!web_space_path(*filename, "index.cvm", &path)) return report_failure(tag, kWebProtocol);
-  if (tag_option(tag, "openfile")) return open_file(tag, path);
+  if (!web_space_path(run, *filename, "index.cvm", &path)) return report_failure(run, tag, kWebProtocol);
+  if (tag_option(tag, "openfile")) return open_file(run, tag, path);
   if (tag_option(tag, "removefile")) {
     ::unlink(path.c_str());  // files only, never directories; a failure is not reported
     return value_new();
   }
-  return report_failure(tag, kNoAction);
+  return report_failure(run, tag, kNoAction);
 }

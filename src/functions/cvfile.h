@@ -8,17 +8,17 @@
 #include "page/tag.h"
 #include "values/value.h"
 
+struct Run;
+
 // <CVFILE filename=name (openfile filevar=var | removefile)>
 // <CVFILE filevar=var (closefile | seek=n [position=start|current|end] |
 //         read=all|line|n var=v | writevar=v | positionvar=v | eofvar=v | filesizevar=v)>
 // A handle is the slot's index, kept in the variable as a plain integer.
-ValuePtr cvfile_handler(const ParsedTag& tag);
+ValuePtr cvfile_handler(Run& run, const ParsedTag& tag);
 // Closes every file the run left open and empties the table, so the next
-// run in the same process numbers its handles from 0 again.
-void cvfile_close_all();
 
 // The file-system path of a name given relative to the current page:
 // web root, the page directory the name resolves to, and its last part
 // (`default_name` when that part is empty).  False for a name with a web
 // protocol or drive prefix, or one holding a zero byte.
-bool web_space_path(std::string_view name, std::string_view default_name, std::string* path);
+bool web_space_path(Run& run, std::string_view name, std::string_view default_name, std::string* path);

@@ -114,34 +114,34 @@ const Operation* find_operation(std::string_view name) {
 // Evaluates a numeric option.  Null after a report when the option is
 // missing or not a number (an integer is not one), or when a tag run by the
 // evaluation has stopped the page.
-ValuePtr read_number(const ParsedTag& tag, std::string_view option) {
+ValuePtr read_number(Run& run, const ParsedTag& tag, std::string_view option) {
   const std::string* text = tag_option(tag, option);
   if (!text) {
-    report_error(tag, option_required_message("CV-MATH", option));
+    report_error(run, tag, option_required_message("CV-MATH", option));
     return nullptr;
   }
-  ValuePtr v = evaluate_number_option(*text);
-  if (engine.stop) return nullptr;
+  ValuePtr v = evaluate_number_option(run, *text);
+  if (run.stop) return nullptr;
   if (!v) {
-    report_error(tag, kNotNumber);
+    report_error(run, tag, kNotNumber);
     return nullptr;
   }
   return v;
 }
 
 // Two operands of one kind: both decimal or both floating point.
-bool same_kind(const ParsedTag& tag, const Value& a, const Value& b) {
+bool same_kind(Run& run, const ParsedTag& tag, const Value& a, const Value& b) {
   if (a.type == b.type) return true;
-  report_error(tag, kNotNumber);
+  report_error(run, tag, kNotNumber);
   return false;
 }
 
 // Reads an operand that only decimal mode has; a floating-point value is
 // refused like any other non-number.
-ValuePtr read_decimal(const ParsedTag& tag, std::string_view option) {
-  ValuePtr v = read_number(tag, option);
+ValuePtr read_decimal(Run& run, const ParsedTag& tag, std::string_view option) {
+  ValuePtr v = read_number(run, tag, option);
   if (v && v->type != VT_DECIMAL) {
-    report_error(tag, kNotNumber);
+    report_error(run, tag, kNotNumber);
     return nullptr;
   }
   return v;
@@ -199,12 +199,12 @@ bool decimal_operation(uint8_t code, const Decimal& x, Decimal* out) {
 }
 
 // "value" replaced in place by the function of it.
-ValuePtr unary(const ParsedTag& tag, uint8_t code, bool decimal_only) {
-  ValuePtr v = decimal_only ? read_decimal(tag, "value") : read_number(tag, "value");
+ValuePtr unary(Run& run, const ParsedTag& tag, uint8_t code, bool decimal_only) {
+  ValuePtr v = decimal_only ? read_decimal(run, tag, "value") : read_number(run, tag, "value");
   if (!v) return value_new();
   if (v->type == VT_DECIMAL) {
     Decimal result;
-    if (!decimal_operation(code, v->decimal, &result)) return report_failure(tag, kRangeError);
+    if (!decimal_operation(code, v->decimal, &result)) return report_failure(run, tag, kRangeError);
     v->decimal = std::move(result);
   } else if (code == DEG2RAD) {
     v->number = v->number * kPi / 180;
@@ -219,11 +219,11 @@ ValuePtr unary(const ParsedTag& tag, uint8_t code, bool decimal_only) {
 // The operations of two numbers read in table order: arctan2 (Yvalue,
 // Xvalue), ldexp and pow (Xvalue, Yvalue), logn (value, Nvalue).  The
 // first operand is replaced by the result.
-ValuePtr binary(const ParsedTag& tag, uint8_t code, std::string_view first, std::string_view second) {
-  ValuePtr a = read_number(tag, first);
+ValuePtr binary(Run& run, const ParsedTag& tag, uint8_t code, std::string_view first, std::string_view second) {
+  ValuePtr a = read_number(run, tag, first);
   if (!a) return value_new();
-  ValuePtr b = read_number(tag, second);
-  if (!b || !same_kind(tag, *a, *b)) return value_new();
+  ValuePtr b = read_number(run, tag, second);
+  if (!b || !same_kind(run, tag, *a, *b)) return value_new();
   if (a->type == VT_NUMBER) {
     double x = a->number, y = b->number;
     switch (code) {
@@ -244,31 +244,31 @@ ValuePtr binary(const ParsedTag& tag, uint8_t code, std::string_view first, std:
     case LOGN: ok = decimal_logn(a->decimal, b->decimal, &result); break;
     default: ok = decimal_pow(a->decimal, b->decimal, &result); break;
   }
-  if (!ok) return report_failure(tag, kRangeError);
+  if (!ok) return report_failure(run, tag, kRangeError);
   a->decimal = std::move(result);
   return a;
 }
 
 // <CV-MATH operation=ncr|npr Nvalue=n Rvalue=r>
-ValuePtr combinatorics(const ParsedTag& tag, uint8_t code) {
-  ValuePtr n = read_decimal(tag, "Nvalue");
+ValuePtr combinatorics(Run& run, const ParsedTag& tag, uint8_t code) {
+  ValuePtr n = read_decimal(run, tag, "Nvalue");
   if (!n) return value_new();
-  ValuePtr r = read_decimal(tag, "Rvalue");
+  ValuePtr r = read_decimal(run, tag, "Rvalue");
   if (!r) return value_new();
   Decimal result;
   bool ok = code == NCR ? decimal_ncr(n->decimal, r->decimal, &result)
                         : decimal_npr(n->decimal, r->decimal, &result);
-  if (!ok) return report_failure(tag, kRangeError);
+  if (!ok) return report_failure(run, tag, kRangeError);
   n->decimal = std::move(result);
   return n;
 }
 
 // <CV-MATH operation=round places=n value=x>: floating-point values are
 // printed with n decimals and read back; decimals keep n fraction digits.
-ValuePtr round_value(const ParsedTag& tag) {
-  ValuePtr places = read_number(tag, "places");
+ValuePtr round_value(Run& run, const ParsedTag& tag) {
+  ValuePtr places = read_number(run, tag, "places");
   if (!places) return value_new();
-  ValuePtr v = read_number(tag, "value");
+  ValuePtr v = read_number(run, tag, "value");
   if (!v) return value_new();
   int64_t n = std::max<int64_t>(0, integer_part(*places));
   if (v->type == VT_DECIMAL) {
@@ -286,81 +286,81 @@ ValuePtr round_value(const ParsedTag& tag) {
 
 // <CV-MATH operation=baseconvert [from=b] [to=b] value=digits>: the value
 // is taken as written, as its digits may be letters.
-ValuePtr base_convert(const ParsedTag& tag) {
+ValuePtr base_convert(Run& run, const ParsedTag& tag) {
   int bases[2] = {10, 10};
   const char* names[2] = {"from", "to"};
   for (int i = 0; i < 2; ++i) {
     if (!tag_option(tag, names[i])) continue;
-    ValuePtr b = read_number(tag, names[i]);
+    ValuePtr b = read_number(run, tag, names[i]);
     if (!b) return value_new();
     bases[i] = static_cast<int>(std::clamp<int64_t>(integer_part(*b), 2, 36));
   }
   const std::string* text = tag_option(tag, "value");
-  if (!text) return report_failure(tag, option_required_message("CV-MATH", "value"));
+  if (!text) return report_failure(run, tag, option_required_message("CV-MATH", "value"));
   std::string out;
-  if (!decimal_base_convert(*text, bases[0], bases[1], &out)) return report_failure(tag, kNotNumber);
+  if (!decimal_base_convert(*text, bases[0], bases[1], &out)) return report_failure(run, tag, kNotNumber);
   return value_from_string(std::move(out));
 }
 
 // <CV-MATH operation=polar2rect var=v Radius=r Angle=a> stores the list
 // [x, y]; <CV-MATH operation=rect2polar var=v Xvalue=x Yvalue=y> stores
 // [radius, angle], the angle in (-pi, pi].
-ValuePtr coordinates(const ParsedTag& tag, uint8_t code) {
+ValuePtr coordinates(Run& run, const ParsedTag& tag, uint8_t code) {
   const std::string* var = tag_option(tag, "var");
-  if (!var) return report_failure(tag, option_required_message("CV-MATH", "var"));
-  if (!level4_resolve(*var)) return report_failure(tag, kVarFailed);
+  if (!var) return report_failure(run, tag, option_required_message("CV-MATH", "var"));
+  if (!level4_resolve(run, *var)) return report_failure(run, tag, kVarFailed);
   bool to_rect = code == POLAR2RECT;
-  ValuePtr a = read_decimal(tag, to_rect ? "Radius" : "Xvalue");
+  ValuePtr a = read_decimal(run, tag, to_rect ? "Radius" : "Xvalue");
   if (!a) return value_new();
-  ValuePtr b = read_decimal(tag, to_rect ? "Angle" : "Yvalue");
+  ValuePtr b = read_decimal(run, tag, to_rect ? "Angle" : "Yvalue");
   if (!b) return value_new();
   Decimal first, second;
   bool ok = to_rect ? decimal_polar_to_rect(a->decimal, b->decimal, &first, &second)
                     : decimal_rect_to_polar(a->decimal, b->decimal, &first, &second);
-  if (!ok) return report_failure(tag, kRangeError);
+  if (!ok) return report_failure(run, tag, kRangeError);
   ValuePtr list = value_new();
   list->type = VT_LIST;
   list->list.push_back(value_from_decimal(std::move(first)));
   list->list.push_back(value_from_decimal(std::move(second)));
   // The evaluations may have run tags that changed the variables, so the
   // reference is resolved afresh for the store.
-  Value* target = level4_resolve(*var);
-  if (!target) return report_failure(tag, kVarFailed);
+  Value* target = level4_resolve(run, *var);
+  if (!target) return report_failure(run, tag, kVarFailed);
   value_assign(target, list.get());
   return value_new();
 }
 
-ValuePtr special(const ParsedTag& tag, uint8_t code) {
+ValuePtr special(Run& run, const ParsedTag& tag, uint8_t code) {
   switch (code) {
     case PI:
-      if (!decimal_mode) return value_from_number(kPi);
+      if (!number_mode().decimal) return value_from_number(kPi);
       {
         Decimal pi;
-        if (!decimal_pi(&pi)) return report_failure(tag, kRangeError);
+        if (!decimal_pi(&pi)) return report_failure(run, tag, kRangeError);
         return value_from_decimal(std::move(pi));
       }
-    case RAND: return value_from_number(static_cast<double>(math_random()));
+    case RAND: return value_from_number(static_cast<double>(random_next(run.random)));
     case DEG2RAD:
-    case RAD2DEG: return unary(tag, code, false);
-    case ARCTAN2: return binary(tag, code, "Yvalue", "Xvalue");
-    case LOGN: return binary(tag, code, "value", "Nvalue");
+    case RAD2DEG: return unary(run, tag, code, false);
+    case ARCTAN2: return binary(run, tag, code, "Yvalue", "Xvalue");
+    case LOGN: return binary(run, tag, code, "value", "Nvalue");
     case LDEXP:
-    case POW: return binary(tag, code, "Xvalue", "Yvalue");
-    case ROUND: return round_value(tag);
-    case BASECONVERT: return base_convert(tag);
+    case POW: return binary(run, tag, code, "Xvalue", "Yvalue");
+    case ROUND: return round_value(run, tag);
+    case BASECONVERT: return base_convert(run, tag);
     case NCR:
-    case NPR: return combinatorics(tag, code);
+    case NPR: return combinatorics(run, tag, code);
     case POLAR2RECT:
-    case RECT2POLAR: return coordinates(tag, code);
+    case RECT2POLAR: return coordinates(run, tag, code);
     case SETPRECISION: {
-      ValuePtr v = read_decimal(tag, "value");
+      ValuePtr v = read_decimal(run, tag, "value");
       if (!v) return value_new();
       // The decimal engine keeps at most 100000 fraction digits.
       int64_t digits = std::clamp<int64_t>(integer_part(*v), 0, kMaxDecimalFunctionDigits);
       decimal_set_precision(static_cast<uint32_t>(digits));
       return value_new();
     }
-    default: return report_failure(tag, kNotValid);
+    default: return report_failure(run, tag, kNotValid);
   }
 }
 
@@ -373,19 +373,19 @@ int cvmath_operation_code(std::string_view name) {
 
 // <CV-MATH operation=name [value=x] [Xvalue= Yvalue= Nvalue= Rvalue= Radius=
 // Angle= places= from= to= var=]>
-ValuePtr cvmath_handler(const ParsedTag& tag) {
+ValuePtr cvmath_handler(Run& run, const ParsedTag& tag) {
   const std::string* name = tag_option(tag, "operation");
-  if (!name) return report_failure(tag, option_required_message("CV-MATH", "operation"));
+  if (!name) return report_failure(run, tag, option_required_message("CV-MATH", "operation"));
   const Operation* op = find_operation(without_white_space(*name));
-  if (!op) return report_failure(tag, kNotValid);
-  if ((op->kind == OP_DECIMAL || op->kind == OP_DECIMAL_SPECIAL) && !decimal_mode)
-    return report_failure(tag, kNeedsDecimal);
+  if (!op) return report_failure(run, tag, kNotValid);
+  if ((op->kind == OP_DECIMAL || op->kind == OP_DECIMAL_SPECIAL) && !number_mode().decimal)
+    return report_failure(run, tag, kNeedsDecimal);
   switch (op->kind) {
     case OP_SWITCH:
-      decimal_mode = op->code == ENABLE ? 1 : 0;
+      number_mode().decimal = op->code == ENABLE ? 1 : 0;
       return value_new();
     case OP_BOTH:
-    case OP_DECIMAL: return unary(tag, op->code, op->kind == OP_DECIMAL);
-    default: return special(tag, op->code);
+    case OP_DECIMAL: return unary(run, tag, op->code, op->kind == OP_DECIMAL);
+    default: return special(run, tag, op->code);
   }
 }

@@ -7,9 +7,11 @@
 #include "page/tag.h"
 #include "values/value.h"
 
+struct Run;
+
 // <CV-MATH operation=name ...>: the result value, or an empty value when
 // the operation prints nothing or after a report.
-ValuePtr cvmath_handler(const ParsedTag& tag);
+ValuePtr cvmath_handler(Run& run, const ParsedTag& tag);
 
 // The code of an operation name, compared without regard to case; -1 for
 // a name that is not an operation.

@@ -65,39 +65,39 @@ int compare_folded(std::string_view a, std::string_view b) {
 ValuePtr nothing() { return value_new(); }
 
 // The option's value, or null after reporting that it is required.
-const std::string* required(const ParsedTag& tag, std::string_view option) {
+const std::string* required(Run& run, const ParsedTag& tag, std::string_view option) {
   const std::string* value = tag_option(tag, option);
-  if (!value) report_error(tag, option_required_message(kTag, option));
+  if (!value) report_error(run, tag, option_required_message(kTag, option));
   return value;
 }
 
 // The variable named by a required option, or null after reporting.
-Value* obtain(const ParsedTag& tag, std::string_view option) {
-  const std::string* reference = required(tag, option);
+Value* obtain(Run& run, const ParsedTag& tag, std::string_view option) {
+  const std::string* reference = required(run, tag, option);
   if (!reference) return nullptr;
-  Value* v = level4_resolve(*reference);
-  if (!v) report_error(tag, kNotObtained);
+  Value* v = level4_resolve(run, *reference);
+  if (!v) report_error(run, tag, kNotObtained);
   return v;
 }
 
 // A two-keyword option: 0 for the first (also when absent), 1 for the
 // second, -1 after reporting anything else.
-int choice(const ParsedTag& tag, std::string_view option, std::string_view first, std::string_view second) {
+int choice(Run& run, const ParsedTag& tag, std::string_view option, std::string_view first, std::string_view second) {
   const std::string* value = tag_option(tag, option);
   if (!value || keyword_is(*value, first)) return 0;
   if (keyword_is(*value, second)) return 1;
-  report_error(tag, std::string(kTag) + " requires the '" + std::string(option) + "' option to be '" +
+  report_error(run, tag, std::string(kTag) + " requires the '" + std::string(option) + "' option to be '" +
                         std::string(first) + "' or '" + std::string(second) +
                         "'.  See the Corvane documentation for details.");
   return -1;
 }
 
-int case_choice(const ParsedTag& tag) { return choice(tag, "case", "sensitive", "insensitive"); }
+int case_choice(Run& run, const ParsedTag& tag) { return choice(run, tag, "case", "sensitive", "insensitive"); }
 
 // A numeric option evaluated as an expression; false after reporting.
-bool number_option(const ParsedTag& tag, std::string_view option, const std::string& text, int64_t* out) {
-  if (evaluate_whole_option(text, out)) return true;
-  report_error(tag, std::string(kTag) + " requires the '" + std::string(option) +
+bool number_option(Run& run, const ParsedTag& tag, std::string_view option, const std::string& text, int64_t* out) {
+  if (evaluate_whole_option(run, text, out)) return true;
+  report_error(run, tag, std::string(kTag) + " requires the '" + std::string(option) +
                         "' option to be either a blank string or a number.");
   return false;
 }
@@ -115,28 +115,28 @@ ValuePtr list_of(std::vector<ValuePtr> elements) {
 // ---------------------------------------------------------------------------
 // Functions with options of their own
 
-ValuePtr run_chr(const ParsedTag& tag) {
-  Value* dest = obtain(tag, "destvar");
+ValuePtr run_chr(Run& run, const ParsedTag& tag) {
+  Value* dest = obtain(run, tag, "destvar");
   if (!dest) return nothing();
-  const std::string* value = required(tag, "value");
+  const std::string* value = required(run, tag, "value");
   int64_t code = 0;
-  if (!value || !number_option(tag, "value", *value, &code)) return nothing();
+  if (!value || !number_option(run, tag, "value", *value, &code)) return nothing();
   store_text(dest, std::string(1, char(code & 0xFF)));
   return nothing();
 }
 
-ValuePtr run_compare(const ParsedTag& tag) {
+ValuePtr run_compare(Run& run, const ParsedTag& tag) {
   // Each text is read as soon as its variable is found: resolving the
   // second may rearrange the table the first lives in.
-  Value* v = obtain(tag, "var1");
+  Value* v = obtain(run, tag, "var1");
   if (!v) return nothing();
   std::string a = value_text(*v);
-  if (!(v = obtain(tag, "var2"))) return nothing();
+  if (!(v = obtain(run, tag, "var2"))) return nothing();
   std::string b = value_text(*v);
   const std::string* limit_text = tag_option(tag, "Nvalue");
   int64_t limit = 0;
-  if (limit_text && !number_option(tag, "Nvalue", *limit_text, &limit)) return nothing();
-  int fold = case_choice(tag);
+  if (limit_text && !number_option(run, tag, "Nvalue", *limit_text, &limit)) return nothing();
+  int fold = case_choice(run, tag);
   if (fold < 0) return nothing();
   if (limit_text) {
     // A negative count compares nothing.
@@ -148,11 +148,11 @@ ValuePtr run_compare(const ParsedTag& tag) {
   return value_from_number(str_compare(a, b, fold == 1, natural));
 }
 
-ValuePtr run_explode(const ParsedTag& tag, Value* v) {
-  Value* sep_var = obtain(tag, "valuevar");
+ValuePtr run_explode(Run& run, const ParsedTag& tag, Value* v) {
+  Value* sep_var = obtain(run, tag, "valuevar");
   if (!sep_var) return nothing();
   std::string separator = value_text(*sep_var);
-  int fold = case_choice(tag);
+  int fold = case_choice(run, tag);
   if (fold < 0) return nothing();
   std::vector<ValuePtr> elements;
   for (std::string& piece : str_explode(value_text(*v), separator, fold == 1))
@@ -161,17 +161,17 @@ ValuePtr run_explode(const ParsedTag& tag, Value* v) {
   return nothing();
 }
 
-ValuePtr run_find(const ParsedTag& tag, Value* v) {
-  Value* needle_var = obtain(tag, "findvar");
+ValuePtr run_find(Run& run, const ParsedTag& tag, Value* v) {
+  Value* needle_var = obtain(run, tag, "findvar");
   if (!needle_var) return nothing();
   std::string needle = value_text(*needle_var);
-  int fold = case_choice(tag);
+  int fold = case_choice(run, tag);
   if (fold < 0) return nothing();
   return value_from_number(double(str_find(value_text(*v), needle, fold == 1)));
 }
 
-ValuePtr run_implode(const ParsedTag& tag, Value* v) {
-  Value* sep_var = obtain(tag, "valuevar");
+ValuePtr run_implode(Run& run, const ParsedTag& tag, Value* v) {
+  Value* sep_var = obtain(run, tag, "valuevar");
   if (!sep_var) return nothing();
   std::string separator = value_text(*sep_var);
   ValuePtr list = value_to_list(*v);
@@ -186,8 +186,8 @@ ValuePtr run_implode(const ParsedTag& tag, Value* v) {
 
 // Each item becomes [0, line, text] or [1, line, name, options], the
 // options a two-column table of name and value.
-ValuePtr run_parsepage(const ParsedTag& tag, Value* v) {
-  int keep = choice(tag, "embedded", "remove", "keep");
+ValuePtr run_parsepage(Run& run, const ParsedTag& tag, Value* v) {
+  int keep = choice(run, tag, "embedded", "remove", "keep");
   if (keep < 0) return nothing();
   Page page = tokenize_page(value_text(*v), 1, keep == 1);
   std::vector<ValuePtr> items;
@@ -219,28 +219,28 @@ ValuePtr run_parsepage(const ParsedTag& tag, Value* v) {
   return nothing();
 }
 
-ValuePtr run_querysafe(const ParsedTag& tag, Value* v) {
+ValuePtr run_querysafe(Run& run, const ParsedTag& tag, Value* v) {
   bool notnull = tag_option(tag, "notnull") != nullptr;
-  int quote = choice(tag, "quote", "single", "double");
+  int quote = choice(run, tag, "quote", "single", "double");
   if (quote < 0) return nothing();
   store_text(v, quote_double(value_text(*v), quote ? '"' : '\'', notnull ? QUOTE_NOTNULL : 0));
   return nothing();
 }
 
-ValuePtr run_regex(const ParsedTag& tag) {
-  Value* v = obtain(tag, "srcvar");
+ValuePtr run_regex(Run& run, const ParsedTag& tag) {
+  Value* v = obtain(run, tag, "srcvar");
   if (!v) return nothing();
   std::string subject = value_text(*v);
-  Value* dest = obtain(tag, "destvar");
+  Value* dest = obtain(run, tag, "destvar");
   if (!dest) return nothing();
-  const std::string* pattern = required(tag, "regexpr");
+  const std::string* pattern = required(run, tag, "regexpr");
   if (!pattern) return nothing();
-  int ranges = choice(tag, "return", "values", "ranges");
+  int ranges = choice(run, tag, "return", "values", "ranges");
   if (ranges < 0) return nothing();
   std::vector<RegexCapture> captures;
   switch (regex_match(*pattern, subject, &captures)) {
     case REGEX_FAILED:
-      report_error(tag, kRegexFailed);
+      report_error(run, tag, kRegexFailed);
       return nothing();
     case REGEX_NO_MATCH:
       store(dest, *value_new());
@@ -256,8 +256,8 @@ ValuePtr run_regex(const ParsedTag& tag) {
 // one-row array (a list sorted before).  A hash, or an array of several rows,
 // keeps its rows whole and is sorted by the text of each row's first cell,
 // so a hash sorts by key.
-ValuePtr run_sort(const ParsedTag& tag, Value* v) {
-  int fold = case_choice(tag);
+ValuePtr run_sort(Run& run, const ParsedTag& tag, Value* v) {
+  int fold = case_choice(run, tag);
   if (fold < 0) return nothing();
   bool natural = tag_option(tag, "natural") != nullptr;
   ValuePtr array = value_to_array(*v);
@@ -284,9 +284,9 @@ ValuePtr run_sort(const ParsedTag& tag, Value* v) {
 
 // base64 and url: "direction" is required and is "encode" or "decode".
 // Decoding reads its text up to the first zero byte.
-ValuePtr run_codec(const ParsedTag& tag, Value* v, bool base64) {
-  if (!required(tag, "direction")) return nothing();
-  int decode = choice(tag, "direction", "encode", "decode");
+ValuePtr run_codec(Run& run, const ParsedTag& tag, Value* v, bool base64) {
+  if (!required(run, tag, "direction")) return nothing();
+  int decode = choice(run, tag, "direction", "encode", "decode");
   if (decode < 0) return nothing();
   std::string text = value_text(*v);
   if (decode) {
@@ -298,9 +298,9 @@ ValuePtr run_codec(const ParsedTag& tag, Value* v, bool base64) {
   return nothing();
 }
 
-ValuePtr unique_id() {
+ValuePtr unique_id(Run& run) {
   std::string bytes(99, '\0');
-  for (char& c : bytes) c = char(random_byte());
+  for (char& c : bytes) c = char(random_byte(run.random));
   return value_from_string(base64_encode(bytes));
 }
 
@@ -321,8 +321,8 @@ bool rewrite_text(int code, std::string& s) {
 }
 
 // Every function that works on `var`.
-ValuePtr run_on_var(const ParsedTag& tag, int code) {
-  Value* v = obtain(tag, "var");
+ValuePtr run_on_var(Run& run, const ParsedTag& tag, int code) {
+  Value* v = obtain(run, tag, "var");
   if (!v) return nothing();
   switch (code) {
     case F_ASCII: {
@@ -336,19 +336,19 @@ ValuePtr run_on_var(const ParsedTag& tag, int code) {
       return value_from_integer(static_cast<int32_t>(sum));
     }
     case F_MD5SUM: return value_from_string(md5_hex(value_text(*v)));
-    case F_EXPLODE: return run_explode(tag, v);
-    case F_FIND: return run_find(tag, v);
-    case F_IMPLODE: return run_implode(tag, v);
-    case F_PARSEPAGE: return run_parsepage(tag, v);
-    case F_QUERYSAFE: return run_querysafe(tag, v);
-    case F_SORT: return run_sort(tag, v);
-    case F_BASE64: return run_codec(tag, v, true);
-    case F_URL: return run_codec(tag, v, false);
+    case F_EXPLODE: return run_explode(run, tag, v);
+    case F_FIND: return run_find(run, tag, v);
+    case F_IMPLODE: return run_implode(run, tag, v);
+    case F_PARSEPAGE: return run_parsepage(run, tag, v);
+    case F_QUERYSAFE: return run_querysafe(run, tag, v);
+    case F_SORT: return run_sort(run, tag, v);
+    case F_BASE64: return run_codec(run, tag, v, true);
+    case F_URL: return run_codec(run, tag, v, false);
     default: break;
   }
   std::string text = value_text(*v);
   if (!rewrite_text(code, text)) {
-    report_error(tag, kNotSupported);
+    report_error(run, tag, kNotSupported);
     return nothing();
   }
   store_text(v, std::move(text));
@@ -372,20 +372,20 @@ int cvstr_function_code(std::string_view name) {
 }
 
 // <CV-STR function=name [var=...] [options of the function]>
-ValuePtr cvstr_handler(const ParsedTag& tag) {
-  const std::string* name = required(tag, "function");
+ValuePtr cvstr_handler(Run& run, const ParsedTag& tag) {
+  const std::string* name = required(run, tag, "function");
   if (!name) return nothing();
   int code = cvstr_function_code(without_white_space(*name));
   switch (code) {
-    case F_CHR: return run_chr(tag);
-    case F_COMPARE: return run_compare(tag);
-    case F_REGEX: return run_regex(tag);
-    case F_UNIQUEID: return unique_id();
+    case F_CHR: return run_chr(run, tag);
+    case F_COMPARE: return run_compare(run, tag);
+    case F_REGEX: return run_regex(run, tag);
+    case F_UNIQUEID: return unique_id(run);
     default: break;
   }
   if (code < 0 || code > F_URL) {
-    report_error(tag, kNotSupported);
+    report_error(run, tag, kNotSupported);
     return nothing();
   }
-  return run_on_var(tag, code);
+  return run_on_var(run, tag, code);
 }

@@ -29,12 +29,12 @@ constexpr std::string_view kNotObtained =
 
 }  // namespace
 
-ValuePtr cvtime_handler(const ParsedTag& tag) {
+ValuePtr cvtime_handler(Run& run, const ParsedTag& tag) {
   bool local = false;
   if (const std::string* frame = tag_option(tag, "timeframe")) {
     std::string word = without_white_space(*frame);
     if (equals_nocase(word, "local")) local = true;
-    else if (!equals_nocase(word, "GMT")) return report_failure(tag, kTimeframe);
+    else if (!equals_nocase(word, "GMT")) return report_failure(run, tag, kTimeframe);
   }
   const std::string* var = tag_option(tag, "var");
   const std::string* value = tag_option(tag, "value");
@@ -42,21 +42,21 @@ ValuePtr cvtime_handler(const ParsedTag& tag) {
 
   if (!var) {
     if (!value) return value_from_number(date_now());
-    if (!format) return report_failure(tag, option_required_message("CV-TIME", "format"));
+    if (!format) return report_failure(run, tag, option_required_message("CV-TIME", "format"));
     // A decimal serial is read through its text, its fraction kept.
     double serial = 0;
-    bool number = evaluate_real_option(*value, &serial);
-    if (engine.stop) return value_new();
-    if (!number) return report_failure(tag, kNotNumber);
+    bool number = evaluate_real_option(run, *value, &serial);
+    if (run.stop) return value_new();
+    if (!number) return report_failure(run, tag, kNotNumber);
     std::optional<std::string> text = date_format(serial, local, *format);
-    if (!text) return report_failure(tag, kBadSerial);
+    if (!text) return report_failure(run, tag, kBadSerial);
     return value_from_string(std::move(*text));
   }
 
-  Value* source = level4_resolve(*var);
-  if (!source) return report_failure(tag, kNotObtained);
+  Value* source = level4_resolve(run, *var);
+  if (!source) return report_failure(run, tag, kNotObtained);
   // Read before anything else can move the variable.
   std::string text = value_text(*source);
-  if (!format) return report_failure(tag, option_required_message("CV-TIME", "format"));
+  if (!format) return report_failure(run, tag, option_required_message("CV-TIME", "format"));
   return value_from_number(date_parse(text, local, *format));
 }

@@ -4,5 +4,7 @@
 #include "page/tag.h"
 #include "values/value.h"
 
+struct Run;
+
 // <CV-TIME [timeframe=GMT|local] [value=serial format=text | var=name format=text]>
-ValuePtr cvtime_handler(const ParsedTag& tag);
+ValuePtr cvtime_handler(Run& run, const ParsedTag& tag);

@@ -5,10 +5,10 @@
 #include "page/tag.h"
 #include "values/value.h"
 
+struct Run;
+
 // <CVWEB socketvar=reference [server=host protocol=... port=...] ...>
-ValuePtr cvweb_handler(const ParsedTag& tag);
+ValuePtr cvweb_handler(Run& run, const ParsedTag& tag);
 
 // Ends every open connection the way its protocol ends a session (QUIT for
 // mail and file servers) and empties the table.  Called once at the end of
-// the run.
-void cvweb_close_all();

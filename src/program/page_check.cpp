@@ -347,9 +347,9 @@ void Checker::check_option_value(const ParsedTag& tag, const TagRule& rule, cons
     return;
   const std::string where = rule.name + " option '" + option.name + "'";
   if (expr_is_arithmetic(value)) {
-    eval_status = EVAL_OK;
-    expr_eval_double(value);
-    switch (eval_status) {
+    uint8_t status = EVAL_OK;
+    expr_eval_double(value, &status);
+    switch (status) {
       case EVAL_DIVISION_BY_ZERO:
         find(tag.line, where + " divides by zero: " + value);
         break;

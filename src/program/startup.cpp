@@ -5,31 +5,26 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 
-#include "db/cvquery.h"
-#include "runtime/run.h"
 #include "runtime/output.h"
 #include "runtime/report.h"
+#include "runtime/request.h"
 #include "runtime/run.h"
-#include "runtime/output.h"
-#include "runtime/report.h"
-#include "runtime/uploads.h"
-#include "functions/cvfile.h"
-#include "net/cvweb.h"
 #include "values/decimal.h"
 
 namespace {
 
 const char kPlainHeader[] = "Content-Type: text/plain\n\n";
 
-// Survives engine_reset(), which clears the engine's own copy.
+// Given to every run (harnesses that must end pages that loop for ever).
 uint32_t tag_limit_for_runs = 0;
 
-bool fail_start(const std::string& message) {
-  write_stdout(std::string(kPlainHeader) + message);
+bool fail_start(Run& run, const std::string& message) {
+  write_response(run, std::string(kPlainHeader) + message);
   return false;
 }
 
@@ -45,8 +40,8 @@ void drop_trailing_slash(std::string& path) {
   if (!path.empty() && path.back() == '/') path.pop_back();
 }
 
-std::string env_or_empty(const char* name) {
-  const char* v = std::getenv(name);
+std::string env_or_empty(const Run& run, const char* name) {
+  const char* v = run_env(run, name);
   return v ? v : "";
 }
 
@@ -62,19 +57,19 @@ bool starts_with_nocase(std::string_view text, std::string_view prefix) {
 // True when `path` is this program's own file: a server that runs the
 // program as an action handler (or through fcgiwrap) names the program in
 // SCRIPT_FILENAME and the page in PATH_TRANSLATED.
-bool names_this_program(const char* path) {
+bool names_this_program(Run& run, const char* path) {
   struct stat named, self;
   if (::stat(path, &named) != 0) return false;
   bool known = ::stat("/proc/self/exe", &self) == 0;
-  if (!known && !engine.argv.empty() && engine.argv[0].find('/') != std::string::npos)
-    known = ::stat(engine.argv[0].c_str(), &self) == 0;
+  if (!known && !run.argv.empty() && run.argv[0].find('/') != std::string::npos)
+    known = ::stat(run.argv[0].c_str(), &self) == 0;
   return known && named.st_dev == self.st_dev && named.st_ino == self.st_ino;
 }
 
-bool command_line_setup() {
-  Settings& s = engine.settings;
-  if (engine.argv.size() < 2) return fail_start("Syntax:  CVML[.EXE] FilenameToParse\n");
-  std::string arg = slashes_forward(engine.argv[1]);
+bool command_line_setup(Run& run) {
+  Settings& s = run.settings;
+  if (run.argv.size() < 2) return fail_start(run, "Syntax:  CVML[.EXE] FilenameToParse\n");
+  std::string arg = slashes_forward(run.argv[1]);
   std::string dir = directory_part(arg);
   if (!dir.empty() && dir[0] != '/' && dir.size() > 1 && dir[1] == ':') dir.erase(0, 2);
   bool absolute = !dir.empty() && dir[0] == '/';
@@ -84,7 +79,7 @@ bool command_line_setup() {
 
   char cwd[PATH_MAX];
   if (!::getcwd(cwd, sizeof cwd))
-    return fail_start("An error occurred while obtaining the current working directory.\n");
+    return fail_start(run, "An error occurred while obtaining the current working directory.\n");
   s.doc_root = slashes_forward(cwd);
   drop_trailing_slash(s.doc_root);
 
@@ -95,7 +90,7 @@ bool command_line_setup() {
   if (first != std::string::npos) {
     std::string base = absolute ? "/" : s.doc_root.substr(first);
     if (!resolve_path(base, std::string_view(dir).substr(1), &s.page_dir))
-      return fail_start("Unable to translate the path information.\n");
+      return fail_start(run, "Unable to translate the path information.\n");
     s.doc_root.erase(first);
   } else {
     s.page_dir = dir;
@@ -105,24 +100,24 @@ bool command_line_setup() {
   return true;
 }
 
-bool web_server_setup() {
-  Settings& s = engine.settings;
-  s.doc_root = slashes_forward(env_or_empty("DOCUMENT_ROOT"));
+bool web_server_setup(Run& run) {
+  Settings& s = run.settings;
+  s.doc_root = slashes_forward(env_or_empty(run, "DOCUMENT_ROOT"));
   drop_trailing_slash(s.doc_root);
   if (::chdir(s.doc_root.empty() ? "/" : s.doc_root.c_str()) != 0)
-    return fail_start("Unable to change directories to DOCUMENT_ROOT.  DOCUMENT_ROOT = " + s.doc_root + ".\n");
+    return fail_start(run, "Unable to change directories to DOCUMENT_ROOT.  DOCUMENT_ROOT = " + s.doc_root + ".\n");
   // A server that maps the page to this program as its handler names the
   // page in SCRIPT_FILENAME; then extra path information in the URL (which
   // becomes PATH_TRANSLATED) never chooses the page.
-  const char* script = std::getenv("SCRIPT_FILENAME");
+  const char* script = run_env(run, "SCRIPT_FILENAME");
   const char* translated =
-      script && *script && !names_this_program(script) ? script : std::getenv("PATH_TRANSLATED");
+      script && *script && !names_this_program(run, script) ? script : run_env(run, "PATH_TRANSLATED");
   if (!translated)
-    return fail_start("Server doesn't support proper CGI execution.  Expected PATH_TRANSLATED environment "
+    return fail_start(run, "Server doesn't support proper CGI execution.  Expected PATH_TRANSLATED environment "
                       "variable to contain file information.\n");
   std::string path = slashes_forward(translated);
   if (!starts_with_nocase(path, s.doc_root))
-    return fail_start("Expecting PATH_TRANSLATED to contain DOCUMENT_ROOT.  DOCUMENT_ROOT = " + s.doc_root +
+    return fail_start(run, "Expecting PATH_TRANSLATED to contain DOCUMENT_ROOT.  DOCUMENT_ROOT = " + s.doc_root +
                       ", PATH_TRANSLATED = " + path + ".\n");
   std::string rest = path.substr(s.doc_root.size());
   s.page_dir = directory_part(rest);
@@ -139,54 +134,16 @@ bool web_server_setup() {
 // ---------------------------------------------------------------------------
 // Path helpers
 
-std::string directory_part(std::string_view path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? std::string() : std::string(path.substr(0, slash + 1));
-}
-
-std::string file_part(std::string_view path) {
-  size_t slash = path.rfind('/');
-  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
-}
-
-bool resolve_path(std::string_view base, std::string_view relative, std::string* result) {
-  std::vector<std::string_view> parts;
-  auto walk = [&parts](std::string_view path) {
-    size_t begin = 0;
-    while (begin <= path.size()) {
-      size_t slash = path.find('/', begin);
-      if (slash == std::string_view::npos) slash = path.size();
-      std::string_view part = path.substr(begin, slash - begin);
-      if (part == "..") {
-        if (parts.empty()) return false;
-        parts.pop_back();
-      } else if (!part.empty() && part != ".") {
-        parts.push_back(part);
-      }
-      begin = slash + 1;
-    }
-    return true;
-  };
-  if (!walk(base) || !walk(relative)) return false;
-  std::string out = "/";
-  for (std::string_view part : parts) {
-    out += part;
-    out += '/';
-  }
-  *result = std::move(out);
-  return true;
-}
-
 // ---------------------------------------------------------------------------
 // Start-up
 
-bool cgi_setup() {
-  const char* root = std::getenv("DOCUMENT_ROOT");
-  return root && *root ? web_server_setup() : command_line_setup();
+bool cgi_setup(Run& run) {
+  const char* root = run_env(run, "DOCUMENT_ROOT");
+  return root && *root ? web_server_setup(run) : command_line_setup(run);
 }
 
-void config_setup(std::string_view program_path) {
-  Settings& s = engine.settings;
+void config_setup(Run& run, std::string_view program_path) {
+  Settings& s = run.settings;
   std::string path = slashes_forward(program_path);
   size_t slash = path.rfind('/');
   // A program started through PATH carries no directory: the current one.
@@ -194,70 +151,110 @@ void config_setup(std::string_view program_path) {
   s.config_path = s.program_dir + "cvml.cfg";
 }
 
-void defaults_setup() {
-  Settings& s = engine.settings;
+void defaults_setup(Run& run) {
+  Settings& s = run.settings;
   s.content_type = "text/html";
   s.header_page = "header.cvm";
   s.footer_page = "footer.cvm";
   s.default_output_mode = OUTPUT_NORMAL;
   s.default_debug = DEBUG_ON;
-  decimal_mode = 0;
-  engine.stop = engine.flush_requested = engine.header_discard = engine.body_discard = false;
-  engine.abandon = false;
-  engine.tags_processed = 0;
+  run.stop = run.flush_requested = run.header_discard = run.body_discard = false;
+  run.abandon = false;
+  run.tags_processed = 0;
 }
 
-bool engine_init() {
-  defaults_setup();
-  decimal_engine_start();
-  if (!tag_table_init()) return false;
-  request_variables();
-  engine.header = dyn_new();
-  engine.body = dyn_new();
-  engine.sql_stats = dyn_new();
-  engine.stats = dyn_new();
-  if (!engine.errors) engine.errors = dyn_new();  // the request may have warned already
-  return engine.header && engine.body && engine.sql_stats && engine.stats && engine.errors;
+bool engine_init(Run& run) {
+  defaults_setup(run);
+  if (!tag_table_init(run)) return false;
+  request_variables(run);
+  run.header = dyn_new();
+  run.body = dyn_new();
+  run.sql_stats = dyn_new();
+  run.stats = dyn_new();
+  if (!run.errors) run.errors = dyn_new();  // the request may have warned already
+  return run.header && run.body && run.sql_stats && run.stats && run.errors;
 }
 
 void set_tag_limit_for_runs(uint32_t limit) { tag_limit_for_runs = limit; }
 
-int cvml_main(int argc, char** argv, char** envp) {
-  engine_reset();
+void configure_program() {
   const char* general = std::getenv("CVML_GENERAL_PATH");
   general_path_only = general && std::string_view(general) == "1";
   arithmetic_shortcuts = !general_path_only;
-  engine.tag_limit = tag_limit_for_runs;
-  for (int i = 0; i < argc; ++i) engine.argv.emplace_back(argv[i]);
-  for (char** e = envp; e && *e; ++e) engine.envp.emplace_back(*e);
+}
 
-  if (!cgi_setup()) return 0;
-  config_setup(argc > 0 ? argv[0] : "");
-  if (!engine_init()) {
-    fail_start("Error:  Error initializing Corvane...aborting.\n");
-    remove_uploads();
-    return 0;
+void run_request(std::vector<std::string> argv, std::vector<std::string> env, const RequestIO& io) {
+  Run run;
+  run.io = io;
+  run.tag_limit = tag_limit_for_runs;
+  run.argv = std::move(argv);
+  run.env = std::move(env);
+  // The run's decimal mode and precision are the ones in force while it runs.
+  struct NumbersInForce {
+    explicit NumbersInForce(NumberMode* mode) { set_number_mode(mode); }
+    ~NumbersInForce() { set_number_mode(nullptr); }
+  } numbers_in_force(&run.numbers);
+
+  if (!cgi_setup(run)) return;
+  config_setup(run, run.argv.empty() ? "" : run.argv[0]);
+  if (!engine_init(run)) {
+    fail_start(run, "Error:  Error initializing Corvane...aborting.\n");
+    return;
   }
 
-  const Settings& s = engine.settings;
-  context_push();
-  PageContext* ctx = current_context();
+  const Settings& s = run.settings;
+  context_push(run);
+  PageContext* ctx = current_context(run);
   ctx->directory = s.page_dir;
   ctx->file_name = s.page_file;
   ctx->full_path = s.doc_root + s.page_dir + s.page_file;
   PagePtr page = load_page(ctx->full_path);
   if (!page) {
-    report_diagnostic("Error opening " + ctx->full_path + " for processing.\n");
+    report_diagnostic(run, "Error opening " + ctx->full_path + " for processing.\n");
     page = std::make_shared<Page>();
   }
-  install_page(ctx, std::move(page));
+  install_page(run, ctx, std::move(page));
 
-  run_pages();
-  send_page();
-  cvfile_close_all();
-  database_shutdown();
-  decimal_engine_stop();
-  cvweb_close_all();
-  remove_uploads();
+  run_pages(run);
+  send_page(run);
+  // Open files, connections, database connections and uploaded copies are
+  // let go with the run.
+}
+
+namespace {
+
+size_t read_stdin(void*, char* buffer, size_t size) {
+  for (;;) {
+    ssize_t n = ::read(STDIN_FILENO, buffer, size);
+    if (n >= 0) return static_cast<size_t>(n);
+    if (errno != EINTR) return 0;
+  }
+}
+
+bool write_stdout(void*, std::string_view bytes) {
+  // Written straight to the descriptor: the bytes go out exactly as they
+  // are, with no translation and no buffering left behind at exit.
+  while (!bytes.empty()) {
+    ssize_t n = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;  // the client has gone; nothing more can be delivered
+    }
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
+}
+
+}  // namespace
+
+int cvml_main(int argc, char** argv, char** envp) {
+  configure_program();
+  std::vector<std::string> args, env;
+  for (int i = 0; i < argc; ++i) args.emplace_back(argv[i]);
+  for (char** e = envp; e && *e; ++e) env.emplace_back(*e);
+  RequestIO io;
+  io.read = read_stdin;
+  io.write = write_stdout;
+  run_request(std::move(args), std::move(env), io);
   return 0;
 }

@@ -90,10 +90,10 @@ const FastRow kFastRows[] = {
 
 }  // namespace
 
-bool tag_table_init() {
-  engine.names = vartable_new(default_tag_start_class());
-  if (!engine.names) return false;
-  VarTable& table = *engine.names;
+bool tag_table_init(Run& run) {
+  run.names = vartable_new(default_tag_start_class());
+  if (!run.names) return false;
+  VarTable& table = *run.names;
   table.entries.reserve(std::size(kBuiltinRows) + 16);
   for (const BuiltinRow& row : kBuiltinRows) {
     TagHandler entry;

@@ -14,15 +14,15 @@ namespace {
 // range covers the whole string again.  The value is found afresh when a
 // change would have to be made in a table still shared with an including
 // page (the resolution makes its own copy first).
-Value* touch_variable(const TagHandler& entry, std::string_view name) {
+Value* touch_variable(Run& run, const TagHandler& entry, std::string_view name) {
   Value* v = entry.variable.get();
   if (v->type == VT_NUMBER || v->type == VT_INTEGER) {
     v->derived.reset();
     return v;
   }
   if (v->type == VT_STRING && (v->start != 0 || v->end != v->bytes.size())) {
-    if (engine.names.use_count() > 1) {
-      TagHandler* own = vartable_find(names_for_write(), name);
+    if (run.names.use_count() > 1) {
+      TagHandler* own = vartable_find(names_for_write(run), name);
       if (!own || !own->variable) return nullptr;
       v = own->variable.get();
     }
@@ -39,8 +39,8 @@ bool is_scalar(uint8_t type) {
 
 }  // namespace
 
-const TagHandler* find_page_name(const Page& page, uint32_t name) {
-  VarTable& table = *engine.names;
+const TagHandler* find_page_name(Run& run, const Page& page, uint32_t name) {
+  VarTable& table = *run.names;
   NameLookup& memo = page.lookups[name];
   if (!general_path_only && memo.version == table.version) return static_cast<const TagHandler*>(memo.entry);
   TagHandler* entry = vartable_find(table, page.names[name]);
@@ -49,12 +49,12 @@ const TagHandler* find_page_name(const Page& page, uint32_t name) {
   return entry;
 }
 
-bool take_references(const Page& value, ParsedTag& tag, TagOption& option) {
+bool take_references(Run& run, const Page& value, ParsedTag& tag, TagOption& option) {
   uint32_t first = static_cast<uint32_t>(tag.refs.size());
   uint32_t count = 0;
   for (const PageNode& node : value.nodes) {
     if (!node.is_tag) continue;
-    const TagHandler* entry = find_page_name(value, node.span.at);
+    const TagHandler* entry = find_page_name(run, value, node.span.at);
     if (!entry || entry->kind != KIND_VARIABLE || !entry->variable || !is_scalar(entry->variable->type)) {
       tag.refs.resize(first);
       return false;
@@ -63,14 +63,14 @@ bool take_references(const Page& value, ParsedTag& tag, TagOption& option) {
   }
   // The references count as the tags they are; a harness's tag limit that
   // they would reach is met on the general path.
-  if (engine.tag_limit && engine.tags_processed + count > engine.tag_limit) {
+  if (run.tag_limit && run.tags_processed + count > run.tag_limit) {
     tag.refs.resize(first);
     return false;
   }
   for (const PageNode& node : value.nodes) {
     if (!node.is_tag) continue;
-    const TagHandler* entry = find_page_name(value, node.span.at);
-    Value* v = touch_variable(*entry, value.names[node.span.at]);
+    const TagHandler* entry = find_page_name(run, value, node.span.at);
+    Value* v = touch_variable(run, *entry, value.names[node.span.at]);
     if (!v) {
       tag.refs.resize(first);
       return false;
@@ -95,25 +95,25 @@ bool take_references(const Page& value, ParsedTag& tag, TagOption& option) {
         break;
     }
   }
-  engine.tags_processed += count;
+  run.tags_processed += count;
   option.first_ref = first;
   option.ref_count = count;
   option.pending = true;
   return true;
 }
 
-bool print_variable(const TagHandler& entry, std::string_view name, std::string& out) {
+bool print_variable(Run& run, const TagHandler& entry, std::string_view name, std::string& out) {
   if (!entry.variable || !is_scalar(entry.variable->type)) return false;
-  Value* v = touch_variable(entry, name);
+  Value* v = touch_variable(run, entry, name);
   if (!v) return false;
   out = value_text(*v);
   return true;
 }
 
-ValuePtr option_evaluate(const ParsedTag& tag, OptionKey name) {
+ValuePtr option_evaluate(Run& run, const ParsedTag& tag, OptionKey name) {
   const TagOption* option = tag_option_entry(tag, name);
   if (!option) return nullptr;
-  if (option->source && !general_path_only && !decimal_mode &&
+  if (option->source && !general_path_only && !number_mode().decimal &&
       (option->source->value_form == FORM_LITERAL || option->ref_count > 0)) {
     const ExprProgram* program = option_program(*option->page, *option->source, tag.line);
     if (program && program->references == option->ref_count) {
@@ -130,12 +130,12 @@ ValuePtr option_evaluate(const ParsedTag& tag, OptionKey name) {
       }
       double result;
       if (usable && expr_run(*program, numbers, &result)) {
-        eval_status = EVAL_OK;
+        run.eval_status = EVAL_OK;
         return value_from_number(result);
       }
     }
   }
-  return expr_evaluate(option_text(tag, *option));
+  return expr_evaluate(run, option_text(tag, *option));
 }
 
 namespace {
@@ -160,7 +160,7 @@ std::string_view trimmed_front(std::string_view text) {
 
 }  // namespace
 
-Value* option_variable(const ParsedTag& tag, const TagOption& option) {
+Value* option_variable(Run& run, const ParsedTag& tag, const TagOption& option) {
   const PageOption* source = option.source;
   if (!general_path_only && source && source->value_form == FORM_LITERAL) {
     std::string_view name = trimmed_front(option.page->text(source->value));
@@ -168,7 +168,7 @@ Value* option_variable(const ParsedTag& tag, const TagOption& option) {
     if (source->bare_name == 2) {
       // The value is for writing: a table still shared with an including
       // page is copied first, as the resolution does.
-      VarTable& table = names_for_write();
+      VarTable& table = names_for_write(run);
       NameLookup& memo = source->variable;
       if (memo.version != table.version) {
         memo.version = table.version;
@@ -176,11 +176,11 @@ Value* option_variable(const ParsedTag& tag, const TagOption& option) {
       }
       const TagHandler* entry = static_cast<const TagHandler*>(memo.entry);
       if (entry && entry->kind == KIND_VARIABLE && entry->variable) {
-        if (Value* v = touch_variable(*entry, name)) return v;
+        if (Value* v = touch_variable(run, *entry, name)) return v;
       }
     }
   }
-  return level4_resolve(option_text(tag, option));
+  return level4_resolve(run, option_text(tag, option));
 }
 
 // ---------------------------------------------------------------------------
@@ -196,7 +196,7 @@ void set_fast_handler(uint8_t tag, FastHandlerFn handler) {
 
 FastHandlerFn fast_handler(uint8_t tag) { return tag < TAG_COUNT ? fast_handlers[tag] : nullptr; }
 
-bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
+bool fast_options(Run& run, const Page& page, uint32_t node, FastArgs& args) {
   const PageNode& n = page.nodes[node];
   if (!n.names_literal || n.option_count > FastArgs::kMaxOptions) return false;
   args.page = &page;
@@ -216,7 +216,7 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
     if (option.value_form != FORM_REFERENCES) return false;
     for (const PageNode& ref : value.nodes) {
       if (!ref.is_tag) continue;
-      const TagHandler* entry = find_page_name(value, ref.span.at);
+      const TagHandler* entry = find_page_name(run, value, ref.span.at);
       if (!entry || entry->kind != KIND_VARIABLE || !entry->variable || !is_scalar(entry->variable->type) ||
           total == FastArgs::kMaxRefs)
         return false;
@@ -224,11 +224,11 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
     }
   }
   args.ref_first[n.option_count] = total;
-  if (engine.tag_limit && engine.tags_processed + total > engine.tag_limit) return false;
+  if (run.tag_limit && run.tags_processed + total > run.tag_limit) return false;
   // Referring to the variables, as processing the values would.  Only a
   // string's range can make that copy a shared table; the entries are then
   // looked up again in the copy.
-  uint64_t version = engine.names->version;
+  uint64_t version = run.names->version;
   uint32_t at = 0;
   for (uint32_t k = 0; k < n.option_count && at < total; k++) {
     const PageOption& option = page.options[n.first_option() + k];
@@ -236,18 +236,18 @@ bool fast_options(const Page& page, uint32_t node, FastArgs& args) {
     const Page& value = *option.value_page;
     for (const PageNode& ref : value.nodes) {
       if (!ref.is_tag) continue;
-      const TagHandler* entry = engine.names->version == version ? entries[at] : find_page_name(value, ref.span.at);
-      Value* v = entry ? touch_variable(*entry, value.names[ref.span.at]) : nullptr;
+      const TagHandler* entry = run.names->version == version ? entries[at] : find_page_name(run, value, ref.span.at);
+      Value* v = entry ? touch_variable(run, *entry, value.names[ref.span.at]) : nullptr;
       if (!v) return false;  // not reached: the look-up succeeded above
       args.refs[at++] = v;
     }
   }
-  engine.tags_processed += total;
+  run.tags_processed += total;
   return true;
 }
 
-bool fast_number(const FastArgs& args, int option, double* out) {
-  if (option < 0 || decimal_mode) return false;
+bool fast_number(Run& run, const FastArgs& args, int option, double* out) {
+  if (option < 0 || number_mode().decimal) return false;
   const Page& page = *args.page;
   const PageNode& n = page.nodes[args.node];
   const PageOption& o = page.options[n.first_option() + option];
@@ -265,11 +265,11 @@ bool fast_number(const FastArgs& args, int option, double* out) {
       return false;
   }
   if (!expr_run(*program, numbers, out)) return false;
-  eval_status = EVAL_OK;
+  run.eval_status = EVAL_OK;
   return true;
 }
 
-Value* fast_variable(const FastArgs& args, int option) {
+Value* fast_variable(Run& run, const FastArgs& args, int option) {
   if (option < 0) return nullptr;
   const Page& page = *args.page;
   const PageOption& o = page.options[page.nodes[args.node].first_option() + option];
@@ -277,14 +277,14 @@ Value* fast_variable(const FastArgs& args, int option) {
   std::string_view name = trimmed_front(page.text(o.value));
   if (o.bare_name == 0) o.bare_name = is_bare_variable_name(name) ? 2 : 1;
   if (o.bare_name != 2) return nullptr;
-  VarTable& table = names_for_write();
+  VarTable& table = names_for_write(run);
   if (o.variable.version != table.version) {
     o.variable.version = table.version;
     o.variable.entry = vartable_find(table, name);
   }
   const TagHandler* entry = static_cast<const TagHandler*>(o.variable.entry);
   if (!entry || entry->kind != KIND_VARIABLE || !entry->variable) return nullptr;
-  return touch_variable(*entry, name);
+  return touch_variable(run, *entry, name);
 }
 
 void fast_to_tag(const FastArgs& args, ParsedTag& tag) {

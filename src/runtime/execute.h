@@ -10,19 +10,19 @@
 
 // The name table entry for a name of `page`, remembered per page name while
 // the table does not change; null when the name is not in the table.
-const TagHandler* find_page_name(const Page& page, uint32_t name);
+const TagHandler* find_page_name(Run& run, const Page& page, uint32_t name);
 // Forms a value made of text and bare references (FORM_REFERENCES) from the
 // variables' values, leaving numbers unprinted.  False, with nothing
 // changed, when a reference is not a variable holding a number, an integer,
 // a string or nothing: the general path then processes the value.
-bool take_references(const Page& value, ParsedTag& tag, TagOption& option);
+bool take_references(Run& run, const Page& value, ParsedTag& tag, TagOption& option);
 // The output of a variable tag without options, when its value is a scalar
 // (what the Level 4 handler would print); false otherwise.
-bool print_variable(const TagHandler& entry, std::string_view name, std::string& out);
+bool print_variable(Run& run, const TagHandler& entry, std::string_view name, std::string& out);
 // The variable a "var"-style option names (Level 4 resolution of its
 // text), through a remembered look-up when the option is a literal bare
 // name; null after the resolution's diagnostic.  The option must be present.
-Value* option_variable(const ParsedTag& tag, const TagOption& option);
+Value* option_variable(Run& run, const ParsedTag& tag, const TagOption& option);
 
 // ---------------------------------------------------------------------------
 // Fast handlers
@@ -45,14 +45,14 @@ struct FastArgs {
 
 // True when the fast handler did the handler's work; false when it
 // declined, having changed nothing.
-using FastHandlerFn = bool (*)(FastArgs& args);
+using FastHandlerFn = bool (*)(Run& run, FastArgs& args);
 void set_fast_handler(uint8_t tag, FastHandlerFn handler);
 FastHandlerFn fast_handler(uint8_t tag);
 
 // Processes a node's options without printing them: names literal, values
 // literal or references to variables holding scalars.  False, with nothing
 // changed, for any other option.
-bool fast_options(const Page& page, uint32_t node, FastArgs& args);
+bool fast_options(Run& run, const Page& page, uint32_t node, FastArgs& args);
 // The index of the first option with that name, or -1.
 inline int fast_option(const FastArgs& args, OptionKey name) {
   const PageOption* options = &args.page->options[args.page->nodes[args.node].first_option()];
@@ -67,8 +67,8 @@ inline int fast_option(const FastArgs& args, OptionKey name) {
 }
 // An option's value as an expression's number, when it can be computed
 // from its references' numbers (floating-point mode only).
-bool fast_number(const FastArgs& args, int option, double* out);
+bool fast_number(Run& run, const FastArgs& args, int option, double* out);
 // The variable a literal bare-name option names, when it exists.
-Value* fast_variable(const FastArgs& args, int option);
+Value* fast_variable(Run& run, const FastArgs& args, int option);
 // The processed tag the handler gets, as the options were processed.
 void fast_to_tag(const FastArgs& args, ParsedTag& tag);

@@ -19,30 +19,30 @@ bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 // The line filed for a status, with the text as the page wrote it.
-void report_status(std::string_view text) {
+void report_status(Run& run, std::string_view text) {
   std::string line;
-  switch (eval_status) {
+  switch (run.eval_status) {
     case EVAL_DIVISION_BY_ZERO:
       line.append("Error:  Division by zero in equation ").append(text).append(".\n");
-      report_diagnostic(line, false);
+      report_diagnostic(run, line, false);
       break;
     case EVAL_ILLEGAL_OPERATOR:
       line.append("Warning:  Illegal operator usage in equation ")
           .append(text)
           .append(".\nUsually caused when an operator is not preceded or followed by a number.\n");
-      report_diagnostic(line, true);
+      report_diagnostic(run, line, true);
       break;
     case EVAL_UNMATCHED_PAREN:
       line.append("Warning:  Opening parenthesis does not have a matching closing parenthesis in equation ")
           .append(text)
           .append(".\n");
-      report_diagnostic(line, true);
+      report_diagnostic(run, line, true);
       break;
     case EVAL_MISSING_COLON:
       line.append("Warning:  If-Then-Else using ?: logic is missing a ':' in equation ")
           .append(text)
           .append(".\n");
-      report_diagnostic(line, true);
+      report_diagnostic(run, line, true);
       break;
     default:
       break;
@@ -51,7 +51,7 @@ void report_status(std::string_view text) {
 
 // A bare word is read as a variable tag.  Only an existing variable counts:
 // a word that names none stays text, and nothing is created here.
-ValuePtr evaluate_word(std::string_view text) {
+ValuePtr evaluate_word(Run& run, std::string_view text) {
   size_t first = 0;
   while (first < text.size() && is_space(text[first])) first++;
   std::string tag_text;
@@ -61,12 +61,12 @@ ValuePtr evaluate_word(std::string_view text) {
   if (page.size() == 1 && page.nodes[0].is_tag) {
     ParsedTag tag;
     node_as_tag(page, 0, tag);
-    ValuePtr v = call_variable_tag(tag);
+    ValuePtr v = call_variable_tag(run, tag);
     if (v) {
       // A number of the other mode's kind takes the number form, so a
       // decimal read in floating-point mode keeps only its integer part.
       // Integers and other kinds stay as they are.
-      if ((v->type == VT_NUMBER && decimal_mode) || (v->type == VT_DECIMAL && !decimal_mode))
+      if ((v->type == VT_NUMBER && number_mode().decimal) || (v->type == VT_DECIMAL && !number_mode().decimal))
         return value_to_number(*v);
       return v;
     }
@@ -76,15 +76,17 @@ ValuePtr evaluate_word(std::string_view text) {
 
 }  // namespace
 
-ValuePtr expr_evaluate(std::string_view text) {
-  if (!expr_is_arithmetic(text)) return evaluate_word(text);
+ValuePtr expr_evaluate(Run& run, std::string_view text) {
+  if (!expr_is_arithmetic(text)) return evaluate_word(run, text);
   bool blank = true;
   for (char c : text)
     if (!is_space(c)) blank = false;
   if (blank) return value_from_string(std::string(text));
-  ValuePtr v = decimal_mode ? value_from_decimal(expr_eval_decimal(text))
-                            : value_from_number(expr_eval_double(text));
-  report_status(text);
+  uint8_t status = EVAL_OK;
+  ValuePtr v = number_mode().decimal ? value_from_decimal(expr_eval_decimal(text, &status))
+                                     : value_from_number(expr_eval_double(text, &status));
+  run.eval_status = status;
+  report_status(run, text);
   return v;
 }
 

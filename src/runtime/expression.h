@@ -9,9 +9,11 @@
 #include "values/decimal.h"
 #include "values/value.h"
 
+struct Run;
+
 // A new value: a number for arithmetic text (decimal in decimal mode), the
 // value of a variable tag for other text, else the text itself as a string.
-ValuePtr expr_evaluate(std::string_view text);
+ValuePtr expr_evaluate(Run& run, std::string_view text);
 // Reads a numeric option's result the way tags do: a decimal's integer part,
 // a floating-point number truncated towards zero.  False for other kinds,
 // integers included (runtime/option_number.h evaluates and reads in one step).

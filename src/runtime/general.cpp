@@ -54,59 +54,59 @@ void advance(PageContext* ctx) {
 
 // Runs `text` in a context of its own that shares the name table,
 // collecting every output whatever the output mode.
-std::string run_text(const Page& text, PagePtr owner) {
-  if (engine.contexts.size() >= kMaxContextDepth) {
-    const PageContext* outer = current_context();
+std::string run_text(Run& run, const Page& text, PagePtr owner) {
+  if (run.contexts.size() >= kMaxContextDepth) {
+    const PageContext* outer = current_context(run);
     if (outer && outer->current != kNoNode) {
       ParsedTag original;
       node_as_tag(*outer->page, outer->current, original);
-      report_error(original, "Tags are nested more than 200 levels deep in option values and "
+      report_error(run, original, "Tags are nested more than 200 levels deep in option values and "
                              "included pages.  See the Corvane documentation for details.");
     }
-    engine.stop = true;
+    run.stop = true;
     return {};
   }
-  auto ctx = new_text_context(current_context());
+  auto ctx = new_text_context(run, current_context(run));
   ctx->owner = std::move(owner);
   ctx->page = &text;
   ctx->current = text.size() ? 0 : kNoNode;
   PageContext* own = ctx.get();
-  size_t depth = engine.contexts.size();
-  engine.contexts.push_back(std::move(ctx));
+  size_t depth = run.contexts.size();
+  run.contexts.push_back(std::move(ctx));
 
   // Tags that write to the body themselves (CVBINARY ...) write into this
   // text's output while it is processed.
-  DynStringPtr saved_body = std::move(engine.body);
-  engine.body = new_text_body();
+  DynStringPtr saved_body = std::move(run.body);
+  run.body = new_text_body();
 
   std::string out;
-  while (!engine.stop && !engine.abandon) {
-    PageContext* cur = current_context();
+  while (!run.stop && !run.abandon) {
+    PageContext* cur = current_context(run);
     if (cur->current == kNoNode) {
       if (cur == own) break;
       // A page included from inside this text has ended.
-      if (cur->debug == DEBUG_ON) write_page_statistics();
-      context_pop();
+      if (cur->debug == DEBUG_ON) write_page_statistics(run);
+      context_pop(run);
       continue;
     }
-    if (!process_node(*cur->page, cur->current, out)) {
-      report_internal_error();
-      engine.stop = true;
+    if (!process_node(run, *cur->page, cur->current, out)) {
+      report_internal_error(run);
+      run.stop = true;
       break;
     }
-    if (!out.empty()) put_output(engine.body.get(), out);
-    advance(current_context());
+    if (!out.empty()) put_output(run.body.get(), out);
+    advance(current_context(run));
   }
-  while (engine.contexts.size() > depth + 1) {
-    if (current_context()->debug == DEBUG_ON) write_page_statistics();
-    context_pop();
+  while (run.contexts.size() > depth + 1) {
+    if (current_context(run)->debug == DEBUG_ON) write_page_statistics(run);
+    context_pop(run);
   }
-  context_pop();
+  context_pop(run);
 
   std::string result;
-  if (!engine.abandon && engine.body) result = std::move(engine.body->data);
-  keep_text_body(std::move(engine.body));
-  engine.body = std::move(saved_body);
+  if (!run.abandon && run.body) result = std::move(run.body->data);
+  keep_text_body(std::move(run.body));
+  run.body = std::move(saved_body);
   return result;
 }
 
@@ -152,7 +152,7 @@ uint32_t walk_while(const Page& page, uint32_t from) {
 
 }  // namespace
 
-std::unique_ptr<PageContext> new_text_context(const PageContext* parent) {
+std::unique_ptr<PageContext> new_text_context(Run& run, const PageContext* parent) {
   std::unique_ptr<PageContext> ctx;
   if (spare_contexts.empty()) {
     ctx = std::make_unique<PageContext>();
@@ -178,8 +178,8 @@ std::unique_ptr<PageContext> new_text_context(const PageContext* parent) {
     ctx->file_name.assign(parent->file_name);
     ctx->full_path.assign(parent->full_path);
   } else {
-    ctx->output_mode = engine.settings.default_output_mode;
-    ctx->debug = engine.settings.default_debug;
+    ctx->output_mode = run.settings.default_output_mode;
+    ctx->debug = run.settings.default_debug;
     ctx->directory.clear();
     ctx->file_name.clear();
     ctx->full_path.clear();
@@ -196,20 +196,20 @@ void keep_text_context(std::unique_ptr<PageContext> ctx) {
   spare_contexts.push_back(std::move(ctx));
 }
 
-std::string process_page_text(const Page& text) {
+std::string process_page_text(Run& run, const Page& text) {
   if (text.size() == 0) return {};
-  return run_text(text, nullptr);
+  return run_text(run, text, nullptr);
 }
 
-std::string process_text(std::string_view text) {
+std::string process_text(Run& run, std::string_view text) {
   if (text.empty()) return {};
   if (!has_tag_start(text)) return std::string(text);
-  PageContext* ctx = current_context();
+  PageContext* ctx = current_context(run);
   uint32_t line = ctx ? node_line(*ctx, ctx->current) : 1;
   if (ctx && ctx->current == kNoNode) line = 1;
   PagePtr page = compile_page(text, line);
   const Page& compiled = *page;
-  return run_text(compiled, std::move(page));
+  return run_text(run, compiled, std::move(page));
 }
 
 uint32_t walk_block_jump(const Page& page, uint32_t node) {

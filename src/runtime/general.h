@@ -14,11 +14,11 @@
 
 // Processes a compiled piece of text (an option's name or value) as a page
 // of its own and returns its output.
-std::string process_page_text(const Page& text);
+std::string process_page_text(Run& run, const Page& text);
 // Where a block tag goes, found by walking forward from it as the block
 // tags do (see PageNode::jump).
 uint32_t walk_block_jump(const Page& page, uint32_t node);
 
 // Contexts of processed texts are kept when they end and reused.
-std::unique_ptr<PageContext> new_text_context(const PageContext* parent);
+std::unique_ptr<PageContext> new_text_context(Run& run, const PageContext* parent);
 void keep_text_context(std::unique_ptr<PageContext> ctx);

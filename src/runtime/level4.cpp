@@ -55,19 +55,19 @@ struct Reference {
   std::string text;
 };
 
-const std::string& reference_text(Reference& ref) {
+const std::string& reference_text(Run& run, Reference& ref) {
   if (ref.text.empty()) {
     std::string printed;
-    print_node(ref.tag, printed);
+    print_node(run, ref.tag, printed);
     if (printed.size() >= 2) ref.text = printed.substr(1, printed.size() - 2);
   }
   return ref.text;
 }
 
-Value* fail_quoting(Reference& ref, std::string_view what) {
-  std::string message = "<" + reference_text(ref) + "> ";
+Value* fail_quoting(Run& run, Reference& ref, std::string_view what) {
+  std::string message = "<" + reference_text(run, ref) + "> ";
   message += what;
-  return level4_fail(message);
+  return level4_fail(run, message);
 }
 
 // Replaces a value by a converted form of itself.  A string's range is
@@ -81,7 +81,7 @@ void convert_in_place(Value* v, ValuePtr converted) {
 }
 
 // "[3]" or "[2][5]": every index evaluated before any is applied.
-bool parse_indices(Reference& ref, std::string_view text, std::vector<uint32_t>* out) {
+bool parse_indices(Run& run, Reference& ref, std::string_view text, std::vector<uint32_t>* out) {
   size_t i = 0;
   while (true) {
     while (i < text.size() && (text[i] == '[' || is_space(text[i]))) i++;
@@ -90,12 +90,12 @@ bool parse_indices(Reference& ref, std::string_view text, std::vector<uint32_t>*
     std::string_view item = text.substr(i, close == std::string_view::npos ? std::string_view::npos : close - i);
     i = close == std::string_view::npos ? text.size() : close + 1;
     int64_t n;
-    if (!level4_option_integer(item, &n)) {
-      fail_quoting(ref, "contains an element value that is not a number.\n");
+    if (!level4_option_integer(run, item, &n)) {
+      fail_quoting(run, ref, "contains an element value that is not a number.\n");
       return false;
     }
     if (n < 0 || n > kMaxIndex) {
-      fail_quoting(ref, "contains an element value that is out of range.\n");
+      fail_quoting(run, ref, "contains an element value that is out of range.\n");
       return false;
     }
     out->push_back(static_cast<uint32_t>(n));
@@ -108,13 +108,13 @@ void grow_list(Value* list, uint32_t index) {
   while (list->list.size() <= index) list->list.push_back(value_new());
 }
 
-Value* array_cell(Reference& ref, Value* array, uint32_t row, uint32_t column) {
+Value* array_cell(Run& run, Reference& ref, Value* array, uint32_t row, uint32_t column) {
   size_t columns = std::max<size_t>(array->columns, size_t{column} + 1);
   size_t rows = std::max<size_t>(array->rows.size(), size_t{row} + 1);
   for (const ValueRow& r : array->rows) columns = std::max(columns, r.size());
   bool grows = rows > array->rows.size() || columns > array->columns;
   if (grows && uint64_t{rows} * columns > kMaxCells)
-    return fail_quoting(ref, "contains an element value that is out of range.\n");
+    return fail_quoting(run, ref, "contains an element value that is out of range.\n");
   array->rows.resize(rows);
   for (ValueRow& r : array->rows) {
     r.reserve(columns);
@@ -126,13 +126,13 @@ Value* array_cell(Reference& ref, Value* array, uint32_t row, uint32_t column) {
   return cell.get();
 }
 
-Value* select_elements(Reference& ref, Value* sel, const std::vector<uint32_t>& indices) {
+Value* select_elements(Run& run, Reference& ref, Value* sel, const std::vector<uint32_t>& indices) {
   for (size_t k = 0; k < indices.size(); k++) {
     uint32_t index = indices[k];
     if (sel->type == VT_ARRAY || sel->type == VT_HASH) {
       sel->type = VT_ARRAY;
-      if (k + 1 == indices.size()) return level4_fail(kTwoDimensions);
-      sel = array_cell(ref, sel, index, indices[++k]);
+      if (k + 1 == indices.size()) return level4_fail(run, kTwoDimensions);
+      sel = array_cell(run, ref, sel, index, indices[++k]);
       if (!sel) return nullptr;
       continue;
     }
@@ -166,12 +166,12 @@ Value* find_key(Value* hash, std::string_view key, int mode) {
 }
 
 // strstartpos / strendpos: a position within the string or not too far past it.
-bool range_position(const Value* sel, const std::string& text, std::string_view option, uint32_t* out) {
+bool range_position(Run& run, const Value* sel, const std::string& text, std::string_view option, uint32_t* out) {
   int64_t n;
-  bool ok = level4_option_integer(text, &n) && n >= 0 &&
+  bool ok = level4_option_integer(run, text, &n) && n >= 0 &&
             n <= static_cast<int64_t>(sel->bytes.size()) + kMaxIndex;
   if (!ok) {
-    level4_fail("Corvane requires the '" + std::string(option) +
+    level4_fail(run, "Corvane requires the '" + std::string(option) +
                 "' option to be either a blank string or a number.\n");
     return false;
   }
@@ -184,16 +184,16 @@ Value* set_derived(Value* sel, ValuePtr property) {
   return sel->derived.get();
 }
 
-Value* select_range(Value* sel, const ParsedTag& tag) {
+Value* select_range(Run& run, Value* sel, const ParsedTag& tag) {
   if (const std::string* start = tag_option(tag, "strstartpos")) {
     if (sel->type != VT_STRING) convert_in_place(sel, value_to_string(*sel));
-    if (!range_position(sel, *start, "strstartpos", &sel->start)) return nullptr;
+    if (!range_position(run, sel, *start, "strstartpos", &sel->start)) return nullptr;
   } else if (sel->type == VT_STRING) {
     sel->start = 0;
   }
   if (const std::string* end = tag_option(tag, "strendpos")) {
     if (sel->type != VT_STRING) convert_in_place(sel, value_to_string(*sel));
-    if (!range_position(sel, *end, "strendpos", &sel->end)) return nullptr;
+    if (!range_position(run, sel, *end, "strendpos", &sel->end)) return nullptr;
     sel->end = std::max(sel->end, sel->start);
   } else if (sel->type == VT_STRING) {
     uint32_t length = static_cast<uint32_t>(sel->bytes.size());
@@ -203,7 +203,7 @@ Value* select_range(Value* sel, const ParsedTag& tag) {
 }
 
 // Sizes and key positions of lists, arrays and hashes.
-Value* select_collection_property(Value* sel, const ParsedTag& tag) {
+Value* select_collection_property(Run& run, Value* sel, const ParsedTag& tag) {
   if (tag_option(tag, "getsizex")) {
     size_t x = sel->type == VT_LIST ? sel->list.size() : sel->type == VT_HASH ? 2 : sel->columns;
     return set_derived(sel, value_from_integer(static_cast<int32_t>(x)));
@@ -217,7 +217,7 @@ Value* select_collection_property(Value* sel, const ParsedTag& tag) {
   if (const std::string* key = tag_option(tag, "hashpos")) {
     if (sel->type != VT_HASH) convert_in_place(sel, value_to_hash(*sel));
     int mode = hashcase_mode(tag);
-    if (mode < 0) return level4_fail(kBadHashcase);
+    if (mode < 0) return level4_fail(run, kBadHashcase);
     int position = level4_hash_position(*sel, find_key(sel, *key, mode));
     return set_derived(sel, value_from_integer(position));
   }
@@ -226,15 +226,15 @@ Value* select_collection_property(Value* sel, const ParsedTag& tag) {
 
 // Steps after tokenizing, in their fixed order; each works on the value the
 // earlier ones selected.
-Value* resolve(Reference& ref) {
+Value* resolve(Run& run, Reference& ref) {
   const ParsedTag& tag = ref.tag;
-  VarTable& names = names_for_write();
+  VarTable& names = names_for_write(run);
   TagHandler* entry = vartable_find(names, tag.name);
   if (!entry) {
     std::string_view name = ref.create_name;
-    if (name.empty()) return level4_fail(kNoName);
+    if (name.empty()) return level4_fail(run, kNoName);
     if (starts_with_nocase(name, "CV") || name[0] == '/' || (name[0] >= '0' && name[0] <= '9'))
-      return level4_fail(kBadStart);
+      return level4_fail(run, kBadStart);
     TagHandler created = make_variable_entry();
     created.kind = KIND_VARIABLE;
     if (!created.variable) created.variable = value_new();
@@ -242,26 +242,26 @@ Value* resolve(Reference& ref) {
     entry = vartable_find(names, name);
   }
   if (!entry || entry->kind != KIND_VARIABLE || !entry->variable)
-    return fail_quoting(ref, "is not a Level 4 tag.\n");
+    return fail_quoting(run, ref, "is not a Level 4 tag.\n");
   Value* sel = entry->variable.get();
 
   if (const std::string* element = tag_option(tag, "element")) {
     std::vector<uint32_t> indices;
-    if (!parse_indices(ref, *element, &indices)) return nullptr;
-    sel = select_elements(ref, sel, indices);
+    if (!parse_indices(run, ref, *element, &indices)) return nullptr;
+    sel = select_elements(run, ref, sel, indices);
     if (!sel) return nullptr;
   }
 
   if (const std::string* key = tag_option(tag, "hash")) {
     if (sel->type != VT_HASH) convert_in_place(sel, value_to_hash(*sel));
     int mode = hashcase_mode(tag);
-    if (mode < 0) return level4_fail(kBadHashcase);
+    if (mode < 0) return level4_fail(run, kBadHashcase);
     Value* found = find_key(sel, *key, mode);
     sel = found ? found : hash_add_key(sel, *key);
     if (!sel) return nullptr;
   }
 
-  if (!select_range(sel, tag)) return nullptr;
+  if (!select_range(run, sel, tag)) return nullptr;
   sel->derived.reset();
 
   if (tag_option(tag, "type")) return set_derived(sel, value_from_integer(sel->type));
@@ -270,10 +270,10 @@ Value* resolve(Reference& ref) {
       return set_derived(sel, value_from_integer(static_cast<int32_t>(sel->bytes.size())));
     return sel;
   }
-  if (sel->type == VT_QUERY) return level4_query_select(*sel, tag);
+  if (sel->type == VT_QUERY) return level4_query_select(run, *sel, tag);
   if (sel->type <= 9) return sel;
   if (sel->type == VT_LIST || sel->type == VT_ARRAY || sel->type == VT_HASH)
-    return select_collection_property(sel, tag);
+    return select_collection_property(run, sel, tag);
   return sel;
 }
 
@@ -308,12 +308,12 @@ bool is_bare_name(std::string_view text) {
 
 }  // namespace
 
-Value* level4_fail(std::string_view message) {
-  report_diagnostic(message, false);
+Value* level4_fail(Run& run, std::string_view message) {
+  report_diagnostic(run, message, false);
   return nullptr;
 }
 
-bool level4_option_integer(std::string_view text, int64_t* out) { return evaluate_whole_option(text, out); }
+bool level4_option_integer(Run& run, std::string_view text, int64_t* out) { return evaluate_whole_option(run, text, out); }
 
 int level4_hash_position(const Value& hash, const Value* cell) {
   if (!cell) return -1;
@@ -322,7 +322,7 @@ int level4_hash_position(const Value& hash, const Value* cell) {
   return -1;
 }
 
-Value* level4_resolve(std::string_view text) {
+Value* level4_resolve(Run& run, std::string_view text) {
   size_t skip = 0;
   while (skip < text.size() && is_space(text[skip])) skip++;
   text.remove_prefix(skip);
@@ -333,57 +333,57 @@ Value* level4_resolve(std::string_view text) {
     tag.is_tag = true;
     tag.name.assign(text);
     Reference ref{tag, text, std::string(text)};
-    return resolve(ref);
+    return resolve(run, ref);
   }
   std::string wrapped = "<" + std::string(text) + ">";
-  const PageContext* ctx = current_context();
+  const PageContext* ctx = current_context(run);
   uint32_t line = ctx && ctx->current != kNoNode ? node_line(*ctx, ctx->current) : 1;
   Page page = tokenize_page(wrapped, line);
   if (page.size() == 0 || !page.nodes[0].is_tag) {
     std::string message(kIllegalCharacters);
-    if (page.size()) print_node(page, 0, message);
+    if (page.size()) print_node(run, page, 0, message);
     message += "\n";
-    return level4_fail(message);
+    return level4_fail(run, message);
   }
   ParsedTag first;
   node_as_tag(page, 0, first);
   size_t word_end = text.find_first_of(std::string_view(" \r\n\t"));
   Reference ref{first, text.substr(0, word_end), std::string(text)};
-  return resolve(ref);
+  return resolve(run, ref);
 }
 
-Value* level4_resolve_tag(const ParsedTag& tag) {
+Value* level4_resolve_tag(Run& run, const ParsedTag& tag) {
   Reference ref{tag, tag.name, {}};
-  return resolve(ref);
+  return resolve(run, ref);
 }
 
 namespace {
 
 // The value a variable tag selects, or null after the report.
-Value* select_for_tag(const ParsedTag& tag) {
+Value* select_for_tag(Run& run, const ParsedTag& tag) {
   Value* v;
   if (recuts_identically(tag)) {
-    v = level4_resolve_tag(tag);
+    v = level4_resolve_tag(run, tag);
   } else {
     std::string printed;
-    print_node(tag, printed);
+    print_node(run, tag, printed);
     std::string_view inner(printed);
     if (inner.size() >= 2) inner = inner.substr(1, inner.size() - 2);
-    v = level4_resolve(inner);
+    v = level4_resolve(run, inner);
   }
-  if (!v) report_error(tag, kHandlerFailed);
+  if (!v) report_error(run, tag, kHandlerFailed);
   return v;
 }
 
 }  // namespace
 
-ValuePtr level4_handler(const ParsedTag& tag) {
-  Value* v = select_for_tag(tag);
+ValuePtr level4_handler(Run& run, const ParsedTag& tag) {
+  Value* v = select_for_tag(run, tag);
   return v ? value_copy(*v) : value_new();
 }
 
-void level4_print(const ParsedTag& tag, std::string& out) {
-  Value* v = select_for_tag(tag);
+void level4_print(Run& run, const ParsedTag& tag, std::string& out) {
+  Value* v = select_for_tag(run, tag);
   if (!v) return;
   // A scalar's copy prints exactly like the scalar; containers and query
   // results go through the copy the handler would return.

@@ -16,10 +16,22 @@
 #include "runtime/output.h"
 #include "runtime/report.h"
 
-Engine engine;
 bool general_path_only = false;
 
-void engine_reset() { engine = Engine{}; }
+Run::~Run() {
+  // What the handler folders hold goes first, newest kind first; then the
+  // contexts, whose tables and pages may be shared with what went before.
+  for (int slot = STATE_COUNT; slot-- > 0;) states[slot].reset();
+  contexts.clear();
+}
+
+const char* run_env(const Run& run, std::string_view name) {
+  for (const std::string& entry : run.env) {
+    if (entry.size() > name.size() && entry[name.size()] == '=' && entry.compare(0, name.size(), name) == 0)
+      return entry.c_str() + name.size() + 1;
+  }
+  return nullptr;
+}
 
 uint64_t now_ms() {
   using namespace std::chrono;
@@ -27,70 +39,70 @@ uint64_t now_ms() {
   return static_cast<uint64_t>(duration_cast<milliseconds>(steady_clock::now() - start).count());
 }
 
-PageContext* current_context() {
-  return engine.contexts.empty() ? nullptr : engine.contexts.back().get();
+PageContext* current_context(Run& run) {
+  return run.contexts.empty() ? nullptr : run.contexts.back().get();
 }
 
-VarTable& names_for_read() { return *engine.names; }
+VarTable& names_for_read(Run& run) { return *run.names; }
 
-VarTable& names_for_write() {
+VarTable& names_for_write(Run& run) {
   // A context push shares the table with the saved one instead of copying
   // it; the copy is made here, on the first write after the push.
-  if (engine.names.use_count() > 1) engine.names = vartable_copy(*engine.names);
-  return *engine.names;
+  if (run.names.use_count() > 1) run.names = vartable_copy(*run.names);
+  return *run.names;
 }
 
 // ---------------------------------------------------------------------------
 // Contexts and the tag stack
 
-std::unique_ptr<PageContext> new_context(const PageContext* parent) {
+std::unique_ptr<PageContext> new_context(Run& run, const PageContext* parent) {
   auto ctx = std::make_unique<PageContext>();
   ctx->start_ms = now_ms();
   if (parent) {
     ctx->output_mode = parent->output_mode;
     ctx->debug = parent->debug;
   } else {
-    ctx->output_mode = engine.settings.default_output_mode;
-    ctx->debug = engine.settings.default_debug;
+    ctx->output_mode = run.settings.default_output_mode;
+    ctx->debug = run.settings.default_debug;
   }
   return ctx;
 }
 
-void context_push() {
-  PageContext* parent = current_context();
+void context_push(Run& run) {
+  PageContext* parent = current_context(run);
   // The parent keeps the table as it was; the new context works on a
-  // copy, made lazily by names_for_write().
-  if (parent) parent->saved_table = engine.names;
-  engine.contexts.push_back(new_context(parent));
+  // copy, made lazily by names_for_write(run).
+  if (parent) parent->saved_table = run.names;
+  run.contexts.push_back(new_context(run, parent));
 }
 
-void context_pop() {
-  if (engine.contexts.empty()) return;
-  std::unique_ptr<PageContext> ctx = std::move(engine.contexts.back());
-  engine.contexts.pop_back();
-  PageContext* parent = current_context();
+void context_pop(Run& run) {
+  if (run.contexts.empty()) return;
+  std::unique_ptr<PageContext> ctx = std::move(run.contexts.back());
+  run.contexts.pop_back();
+  PageContext* parent = current_context(run);
   if (ctx->text_only) {
     keep_text_context(std::move(ctx));
     return;
   }
   if (!parent) return;
-  if (ctx->local_scope) engine.names = parent->saved_table;  // changes are dropped
+  if (ctx->local_scope) run.names = parent->saved_table;  // changes are dropped
   parent->saved_table.reset();
 }
 
-void install_page(PageContext* ctx, PagePtr page) {
+void install_page(Run& run, PageContext* ctx, PagePtr page) {
   ctx->page = page.get();
   ctx->current = page->size() ? 0 : kNoNode;
   ctx->owner = std::move(page);
 }
 
-void tag_stack_push() {
-  PageContext* ctx = current_context();
+void tag_stack_push(Run& run) {
+  PageContext* ctx = current_context(run);
   if (ctx) ctx->tag_stack.push_back(ctx->current);
 }
 
-bool tag_stack_return() {
-  PageContext* ctx = current_context();
+bool tag_stack_return(Run& run) {
+  PageContext* ctx = current_context(run);
   if (!ctx || ctx->tag_stack.empty()) return false;
   ctx->current = ctx->tag_stack.back();
   ctx->tag_stack.pop_back();
@@ -135,12 +147,12 @@ void advance(PageContext* ctx) {
 
 // The processed options of a tag node, in order, as far as processing got
 // before `stop` or `abandon` was raised.
-void process_options(const Page& page, uint32_t index, ParsedTag& tag) {
+void process_options(Run& run, const Page& page, uint32_t index, ParsedTag& tag) {
   const PageNode& node = page.nodes[index];
   tag.options.clear();
   tag.refs.clear();
   for (uint32_t k = 0; k < node.option_count; k++) {
-    if (engine.stop || engine.abandon) break;
+    if (run.stop || run.abandon) break;
     const PageOption& option = page.options[node.first_option() + k];
     TagOption& done = tag.options.emplace_back();
     done.source = &option;
@@ -149,9 +161,9 @@ void process_options(const Page& page, uint32_t index, ParsedTag& tag) {
       done.name.assign(page.text(option.name));
       done.atom = option.atom;
     } else {
-      done.name = process_page_text(option_name_page(page, option, node.line));
+      done.name = process_page_text(run, option_name_page(page, option, node.line));
     }
-    if (engine.abandon) {
+    if (run.abandon) {
       tag.options.pop_back();
       break;
     }
@@ -160,29 +172,29 @@ void process_options(const Page& page, uint32_t index, ParsedTag& tag) {
       continue;
     }
     const Page& value = option_value_page(page, option, node.line);
-    if (option.value_form == FORM_REFERENCES && !general_path_only && take_references(value, tag, done))
+    if (option.value_form == FORM_REFERENCES && !general_path_only && take_references(run, value, tag, done))
       continue;
-    done.value = process_page_text(value);
+    done.value = process_page_text(run, value);
   }
 }
 
 // Runs the handler of a processed tag; `page` and `index` name the node it
 // was processed from.
-void dispatch(const Page& page, uint32_t index, const ParsedTag& tag, std::string& out) {
+void dispatch(Run& run, const Page& page, uint32_t index, const ParsedTag& tag, std::string& out) {
   const PageNode& node = page.nodes[index];
   const TagHandler* entry = node.tag != TAG_OTHER && !general_path_only
                                 ? builtin_entry(node.tag)
-                                : find_page_name(page, node.span.at);
+                                : find_page_name(run, page, node.span.at);
   if (!entry) {
     print_tag(tag, nullptr, out);
     return;
   }
   if (entry->kind == KIND_VARIABLE) {
-    if (tag.options.empty() && !general_path_only && print_variable(*entry, tag.name, out)) return;
-    level4_print(tag, out);
+    if (tag.options.empty() && !general_path_only && print_variable(run, *entry, tag.name, out)) return;
+    level4_print(run, tag, out);
     return;
   }
-  ValuePtr result = entry->handler ? entry->handler(tag) : nullptr;
+  ValuePtr result = entry->handler ? entry->handler(run, tag) : nullptr;
   if (!result) return;
   if (result->type == VT_STRING && result->start == 0 && result->end == result->bytes.size())
     out = std::move(result->bytes);
@@ -192,25 +204,25 @@ void dispatch(const Page& page, uint32_t index, const ParsedTag& tag, std::strin
 
 }  // namespace
 
-bool process_node(const Page& page, uint32_t index, std::string& out) {
+bool process_node(Run& run, const Page& page, uint32_t index, std::string& out) {
   out.clear();
   const PageNode& node = page.nodes[index];
   if (!node.is_tag) {
     out.assign(page.text(node.span));
     return true;
   }
-  if (++engine.tags_processed > engine.tag_limit && engine.tag_limit) {
-    engine.stop = true;
+  if (++run.tags_processed > run.tag_limit && run.tag_limit) {
+    run.stop = true;
     return true;
   }
   if (!general_path_only) {
     if (FastHandlerFn fast = fast_handler(node.tag)) {
       FastArgs args;
-      if (fast_options(page, index, args)) {
-        if (fast(args)) return true;
+      if (fast_options(run, page, index, args)) {
+        if (fast(run, args)) return true;
         ScratchTag scratch_tag;
         fast_to_tag(args, scratch_tag.tag);
-        dispatch(page, index, scratch_tag.tag, out);
+        dispatch(run, page, index, scratch_tag.tag, out);
         return true;
       }
     }
@@ -220,54 +232,54 @@ bool process_node(const Page& page, uint32_t index, std::string& out) {
   tag.line = node.line;
   tag.is_tag = true;
   tag.name = page.node_name(index);
-  process_options(page, index, tag);
-  if (!engine.abandon) dispatch(page, index, tag, out);
+  process_options(run, page, index, tag);
+  if (!run.abandon) dispatch(run, page, index, tag, out);
   return true;
 }
 
-bool process_current_node(std::string& out) {
-  PageContext* ctx = current_context();
+bool process_current_node(Run& run, std::string& out) {
+  PageContext* ctx = current_context(run);
   out.clear();
   if (!ctx || ctx->current == kNoNode) return true;
-  bool ok = process_node(*ctx->page, ctx->current, out);
-  advance(current_context());
+  bool ok = process_node(run, *ctx->page, ctx->current, out);
+  advance(current_context(run));
   return ok;
 }
 
-ValuePtr call_variable_tag(const ParsedTag& tag) {
-  const TagHandler* entry = vartable_find(names_for_read(), tag.name);
+ValuePtr call_variable_tag(Run& run, const ParsedTag& tag) {
+  const TagHandler* entry = vartable_find(names_for_read(run), tag.name);
   if (!entry || entry->kind != KIND_VARIABLE) return nullptr;
-  return level4_handler(tag);
+  return level4_handler(run, tag);
 }
 
-bool run_block_captured(void (*capture)(), std::string* captured) {
-  PageContext* ctx = current_context();
+bool run_block_captured(Run& run, void (*capture)(Run&), std::string* captured) {
+  PageContext* ctx = current_context(run);
   uint32_t self = ctx->current;
-  tag_stack_push();
+  tag_stack_push(run);
   size_t depth = ctx->tag_stack.size();
-  DynStringPtr page_body = std::move(engine.body);
-  engine.body = dyn_new();
+  DynStringPtr page_body = std::move(run.body);
+  run.body = dyn_new();
   ctx->current = next_node(*ctx, self);
 
   auto still_open = [&] { return ctx->tag_stack.size() >= depth && ctx->tag_stack[depth - 1] == self; };
-  while (!engine.stop && ctx->current != kNoNode && still_open()) {
-    capture();
+  while (!run.stop && ctx->current != kNoNode && still_open()) {
+    capture(run);
     // A page included by that node runs to its end inside the block.
-    while (!engine.stop && current_context() != ctx) {
-      if (current_context()->current == kNoNode) {
-        if (current_context()->debug == DEBUG_ON) write_page_statistics();
-        context_pop();
+    while (!run.stop && current_context(run) != ctx) {
+      if (current_context(run)->current == kNoNode) {
+        if (current_context(run)->debug == DEBUG_ON) write_page_statistics(run);
+        context_pop(run);
         continue;
       }
-      capture();
+      capture(run);
     }
   }
 
   bool unclosed = still_open();
   if (ctx->tag_stack.size() >= depth) ctx->tag_stack.resize(depth - 1);
   ctx->stay = true;
-  *captured = engine.body ? dyn_take(std::move(engine.body)) : std::string();
-  engine.body = std::move(page_body);
+  *captured = run.body ? dyn_take(std::move(run.body)) : std::string();
+  run.body = std::move(page_body);
   if (ctx->current == kNoNode && unclosed) {
     ctx->current = self;
     captured->clear();
@@ -281,61 +293,61 @@ bool run_block_captured(void (*capture)(), std::string* captured) {
 
 namespace {
 
-bool replace_buffer(DynStringPtr& buffer) {
+bool replace_buffer(Run& run, DynStringPtr& buffer) {
   buffer = dyn_new();
   if (buffer) return true;
-  report_internal_error();
-  engine.stop = true;
+  report_internal_error(run);
+  run.stop = true;
   return false;
 }
 
-void after_node() {
-  if (engine.abandon || engine.body_discard || engine.header_discard) {
-    if (engine.abandon || engine.header_discard) replace_buffer(engine.header);
-    if (engine.abandon || engine.body_discard) replace_buffer(engine.body);
-    engine.abandon = engine.body_discard = engine.header_discard = false;
+void after_node(Run& run) {
+  if (run.abandon || run.body_discard || run.header_discard) {
+    if (run.abandon || run.header_discard) replace_buffer(run, run.header);
+    if (run.abandon || run.body_discard) replace_buffer(run, run.body);
+    run.abandon = run.body_discard = run.header_discard = false;
   }
-  if (engine.flush_requested) {
-    send_headers();
-    send_body();
-    replace_buffer(engine.header);
-    replace_buffer(engine.body);
-    engine.flush_requested = false;
+  if (run.flush_requested) {
+    send_headers(run);
+    send_body(run);
+    replace_buffer(run, run.header);
+    replace_buffer(run, run.body);
+    run.flush_requested = false;
   }
 }
 
 }  // namespace
 
-void run_pages() {
+void run_pages(Run& run) {
   std::string out;
-  while (PageContext* ctx = current_context()) {
-    while (!engine.stop) {
-      ctx = current_context();
+  while (PageContext* ctx = current_context(run)) {
+    while (!run.stop) {
+      ctx = current_context(run);
       if (ctx->current == kNoNode) break;
-      if (!process_node(*ctx->page, ctx->current, out)) {
-        report_internal_error();
-        engine.stop = true;
+      if (!process_node(run, *ctx->page, ctx->current, out)) {
+        report_internal_error(run);
+        run.stop = true;
         break;
       }
-      ctx = current_context();
-      if (!engine.abandon && !engine.body_discard && ctx->output_mode == OUTPUT_NORMAL && !out.empty())
-        dyn_puts(engine.body.get(), out);
-      after_node();
+      ctx = current_context(run);
+      if (!run.abandon && !run.body_discard && ctx->output_mode == OUTPUT_NORMAL && !out.empty())
+        dyn_puts(run.body.get(), out);
+      after_node(run);
       advance(ctx);
     }
-    ctx = current_context();
-    if (ctx->debug == DEBUG_ON) write_page_statistics();
-    context_pop();
+    ctx = current_context(run);
+    if (ctx->debug == DEBUG_ON) write_page_statistics(run);
+    context_pop(run);
   }
 }
 
-void print_node(const ParsedTag& tag, std::string& out) {
-  print_tag(tag, tag.is_tag ? vartable_stored_name(*engine.names, tag.name) : nullptr, out);
+void print_node(Run& run, const ParsedTag& tag, std::string& out) {
+  print_tag(tag, tag.is_tag ? vartable_stored_name(*run.names, tag.name) : nullptr, out);
 }
 
-void print_node(const Page& page, uint32_t node, std::string& out) {
+void print_node(Run& run, const Page& page, uint32_t node, std::string& out) {
   const std::string* stored =
-      page.nodes[node].is_tag ? vartable_stored_name(*engine.names, page.node_name(node)) : nullptr;
+      page.nodes[node].is_tag ? vartable_stored_name(*run.names, page.node_name(node)) : nullptr;
   print_page_node(page, node, stored, out);
 }
 

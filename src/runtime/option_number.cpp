@@ -9,26 +9,26 @@
 
 bool is_option_number(const Value& v) { return v.type == VT_DECIMAL || v.type == VT_NUMBER; }
 
-ValuePtr evaluate_number_option(std::string_view text) {
-  ValuePtr v = expr_evaluate(text);
+ValuePtr evaluate_number_option(Run& run, std::string_view text) {
+  ValuePtr v = expr_evaluate(run, text);
   if (!v || !is_option_number(*v)) return nullptr;
   return v;
 }
 
-bool evaluate_whole_option(std::string_view text, int64_t* out) {
-  ValuePtr v = evaluate_number_option(text);
+bool evaluate_whole_option(Run& run, std::string_view text, int64_t* out) {
+  ValuePtr v = evaluate_number_option(run, text);
   return v && expr_value_as_integer(*v, out);
 }
 
-bool evaluate_real_option(std::string_view text, double* out) {
-  ValuePtr v = evaluate_number_option(text);
+bool evaluate_real_option(Run& run, std::string_view text, double* out) {
+  ValuePtr v = evaluate_number_option(run, text);
   if (!v) return false;
   *out = v->type == VT_DECIMAL ? decimal_to_double(v->decimal) : v->number;
   return true;
 }
 
-bool evaluate_condition(std::string_view text, bool* truth) {
-  ValuePtr v = expr_evaluate(text);
+bool evaluate_condition(Run& run, std::string_view text, bool* truth) {
+  ValuePtr v = expr_evaluate(run, text);
   bool numeric = false;
   if (v) *truth = expr_value_truth(*v, &numeric);
   return numeric;

@@ -15,22 +15,24 @@
 
 #include "values/value.h"
 
+struct Run;
+
 // True for a decimal or a floating-point value.
 bool is_option_number(const Value& v);
 
 // The evaluated option when it is a number, else null.  The evaluation may
-// run variable tags; a caller that reports checks engine.stop first.
-ValuePtr evaluate_number_option(std::string_view text);
+// run variable tags; a caller that reports checks run.stop first.
+ValuePtr evaluate_number_option(Run& run, std::string_view text);
 // A whole number: a decimal's integer part, a floating-point number truncated
 // towards zero (both saturated to 64 bits).  False for other results.
-bool evaluate_whole_option(std::string_view text, int64_t* out);
+bool evaluate_whole_option(Run& run, std::string_view text, int64_t* out);
 // A floating-point number as it is, a decimal read through its text (its
 // fraction kept).  False for other results.
-bool evaluate_real_option(std::string_view text, double* out);
+bool evaluate_real_option(Run& run, std::string_view text, double* out);
 // A condition: false when the result is not a number; else `truth` is set
 // (decimal: not zero; floating point: outside the band strictly between
 // -0.000001 and 0.000001).
-bool evaluate_condition(std::string_view text, bool* truth);
+bool evaluate_condition(Run& run, std::string_view text, bool* truth);
 
 // A handle read back from the variable a tag stored it in: an integer as it
 // is, a decimal's integer part, a floating-point number truncated.  False for

@@ -18,46 +18,37 @@
 #include "base/encoders.h"
 #include "base/nocase.h"
 
-void write_stdout(std::string_view bytes) {
-  // Written straight to the descriptor: the bytes go out exactly as they
-  // are, with no translation and no buffering left behind at exit.
-  while (!bytes.empty()) {
-    ssize_t n = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return;  // the client has gone; nothing more can be delivered
-    }
-    bytes.remove_prefix(static_cast<size_t>(n));
+void write_response(Run& run, std::string_view bytes) {
+  if (run.io.write) run.io.write(run.io.context, bytes);
+}
+
+void body_append(Run& run, std::string_view bytes) {
+  if (!run.body) run.body = dyn_new();
+  dyn_puts(run.body.get(), bytes);
+}
+
+void send_headers(Run& run) {
+  if (run.headers_sent) return;
+  std::string block = run.header ? run.header->data : std::string();
+  block += "Content-type: " + run.settings.content_type + "\n\n";
+  write_response(run, block);
+  run.headers_sent = true;
+}
+
+void send_body(Run& run) {
+  if (run.body && !run.body->data.empty()) {
+    write_response(run, run.body->data);
+    run.body_sent = true;
+  } else if (!run.body_sent) {
+    write_response(run, "\n");
+    run.body_sent = true;
   }
 }
 
-void body_append(std::string_view bytes) {
-  if (!engine.body) engine.body = dyn_new();
-  dyn_puts(engine.body.get(), bytes);
-}
-
-void send_headers() {
-  if (engine.headers_sent) return;
-  std::string block = engine.header ? engine.header->data : std::string();
-  block += "Content-type: " + engine.settings.content_type + "\n\n";
-  write_stdout(block);
-  engine.headers_sent = true;
-}
-
-void send_body() {
-  if (engine.body && !engine.body->data.empty()) {
-    write_stdout(engine.body->data);
-    engine.body_sent = true;
-  } else if (!engine.body_sent) {
-    write_stdout("\n");
-    engine.body_sent = true;
-  }
-}
-
-void send_page() {
-  send_headers();
-  send_body();
-  send_reports();
+void send_page(Run& run) {
+  send_headers(run);
+  send_body(run);
+  send_reports(run);
 }
 
 // ---------------------------------------------------------------------------
@@ -74,55 +65,26 @@ std::string without(std::string_view text, std::string_view drop) {
   return out;
 }
 
-void header_line(std::string_view line) {
-  if (!engine.header) engine.header = dyn_new();
-  dyn_puts(engine.header.get(), line);
+void header_line(Run& run, std::string_view line) {
+  if (!run.header) run.header = dyn_new();
+  dyn_puts(run.header.get(), line);
 }
 
 }  // namespace
 
-std::string_view last_path_part(std::string_view path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-bool resolve_page_directory(std::string_view directory, std::string_view target, std::string* result) {
-  std::string dir(directory);
-  size_t begin = 0;
-  for (size_t slash; (slash = target.find('/', begin)) != std::string_view::npos; begin = slash + 1) {
-    std::string_view part = target.substr(begin, slash - begin);
-    if (part.empty()) {
-      dir = "/";
-    } else if (part == "..") {
-      // Drop the last directory: keep up to and including the "/" before it.
-      size_t end = dir.size() && dir.back() == '/' ? dir.size() - 1 : dir.size();
-      size_t cut = dir.rfind('/', end == 0 ? 0 : end - 1);
-      dir = cut == std::string::npos || end == 0 ? "/" : dir.substr(0, cut + 1);
-    } else if (part == ".") {
-      continue;
-    } else if (part.back() == ':' && slash + 1 < target.size() && target[slash + 1] == '/') {
-      return false;  // a scheme: the target is absolute
-    } else {
-      dir += part;
-      dir += '/';
-    }
-  }
-  *result = std::move(dir);
-  return true;
-}
 
 // ---------------------------------------------------------------------------
 // CVMLMODE type="normal|binary|off"
 
-ValuePtr cvmlmode_handler(const ParsedTag& tag) {
+ValuePtr cvmlmode_handler(Run& run, const ParsedTag& tag) {
   const std::string* type = tag_option(tag, "type");
-  if (!type) return report_failure(tag, option_required_message("CVMLMODE", "type"));
-  PageContext* ctx = current_context();
+  if (!type) return report_failure(run, tag, option_required_message("CVMLMODE", "type"));
+  PageContext* ctx = current_context(run);
   if (equals_nocase(*type, "normal")) ctx->output_mode = OUTPUT_NORMAL;
   else if (equals_nocase(*type, "binary")) ctx->output_mode = OUTPUT_BINARY;
   else if (equals_nocase(*type, "off")) ctx->output_mode = OUTPUT_OFF;
   else
-    return report_failure(tag, "CVMLMODE requires the 'type' option to be 'normal', 'binary', or 'off'.  "
+    return report_failure(run, tag, "CVMLMODE requires the 'type' option to be 'normal', 'binary', or 'off'.  "
                      "See the Corvane documentation for details.");
   return value_new();
 }
@@ -131,20 +93,20 @@ ValuePtr cvmlmode_handler(const ParsedTag& tag) {
 // CVHEADER type="cookie|content-type|rawheader" value=... name=...
 //          encode="URL|Base64" expirationdate=...
 
-ValuePtr cvheader_handler(const ParsedTag& tag) {
+ValuePtr cvheader_handler(Run& run, const ParsedTag& tag) {
   const std::string* type = tag_option(tag, "type");
-  if (!type) return report_failure(tag, option_required_message("CVHEADER", "type"));
+  if (!type) return report_failure(run, tag, option_required_message("CVHEADER", "type"));
   const std::string* value = tag_option(tag, "value");
-  if (!value) return report_failure(tag, option_required_message("CVHEADER", "value"));
+  if (!value) return report_failure(run, tag, option_required_message("CVHEADER", "value"));
 
   if (equals_nocase(*type, "cookie")) {
     const std::string* name = tag_option(tag, "name");
     if (!name)
-      return report_failure(tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
+      return report_failure(run, tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
                        "'cookie'.  See the Corvane documentation for details.");
     const std::string* encode = tag_option(tag, "encode");
     if (!encode)
-      return report_failure(tag, "CVHEADER requires the 'encode' option to be used when the 'type' option is "
+      return report_failure(run, tag, "CVHEADER requires the 'encode' option to be used when the 'type' option is "
                        "'cookie'.  See the Corvane documentation for details.");
     std::string encoded;
     if (keyword_is(*encode, "URL"))
@@ -152,24 +114,24 @@ ValuePtr cvheader_handler(const ParsedTag& tag) {
     else if (keyword_is(*encode, "Base64"))
       encoded = base64_encode(*value);
     else
-      return report_failure(tag, "CVHEADER requires the 'encode' option to be 'URL' or 'Base64'.  "
+      return report_failure(run, tag, "CVHEADER requires the 'encode' option to be 'URL' or 'Base64'.  "
                        "See the Corvane documentation for details.");
     std::string line = "Set-Cookie: " + without(*name, " \t\r\n") + "=" + encoded;
     if (const std::string* date = tag_option(tag, "expirationdate"))
       line += "; expires=" + without(*date, "\r\n");
-    header_line(line + "\n");
+    header_line(run, line + "\n");
   } else if (equals_nocase(*type, "content-type")) {
-    engine.settings.content_type = without(*value, "\r\n");
-    current_context()->output_mode = OUTPUT_BINARY;
-    engine.body_discard = true;
+    run.settings.content_type = without(*value, "\r\n");
+    current_context(run)->output_mode = OUTPUT_BINARY;
+    run.body_discard = true;
   } else if (equals_nocase(*type, "rawheader")) {
     const std::string* name = tag_option(tag, "name");
     if (!name)
-      return report_failure(tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
+      return report_failure(run, tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
                        "'rawheader'.  See the Corvane documentation for details.");
-    header_line(without(*name, "\r\n") + ": " + without(*value, "\r\n") + "\n");
+    header_line(run, without(*name, "\r\n") + ": " + without(*value, "\r\n") + "\n");
   } else {
-    return report_failure(tag, "CVHEADER requires the 'type' option to be 'cookie', 'content-type', or "
+    return report_failure(run, tag, "CVHEADER requires the 'type' option to be 'cookie', 'content-type', or "
                      "'rawheader'.  See the Corvane documentation for details.");
   }
   return value_new();
@@ -178,21 +140,21 @@ ValuePtr cvheader_handler(const ParsedTag& tag) {
 // ---------------------------------------------------------------------------
 // CVLOCATION location=...
 
-ValuePtr cvlocation_handler(const ParsedTag& tag) {
+ValuePtr cvlocation_handler(Run& run, const ParsedTag& tag) {
   const std::string* location = tag_option(tag, "location");
-  if (!location) return report_failure(tag, option_required_message("CVLOCATION", "location"));
-  engine.stop = true;
+  if (!location) return report_failure(run, tag, option_required_message("CVLOCATION", "location"));
+  run.stop = true;
   // Line breaks and NUL bytes from the page never reach the header block.
   std::string target = without(*location, std::string_view("\r\n\0", 3));
   for (char& c : target) {
     if (c == '\\') c = '/';
   }
-  PageContext* ctx = current_context();
+  PageContext* ctx = current_context(run);
   std::string dir;
   if (!resolve_page_directory(ctx->directory, target, &dir)) {
-    header_line("Location: " + target + "\n");
+    header_line(run, "Location: " + target + "\n");
   } else {
-    header_line("Location: " + server_base_url() + dir + std::string(last_path_part(target)) + "\n");
+    header_line(run, "Location: " + server_base_url(run) + dir + std::string(last_path_part(target)) + "\n");
   }
   return value_new();
 }
@@ -200,7 +162,7 @@ ValuePtr cvlocation_handler(const ParsedTag& tag) {
 // ---------------------------------------------------------------------------
 // CVFLUSH
 
-ValuePtr cvflush_handler(const ParsedTag&) {
-  engine.flush_requested = true;
+ValuePtr cvflush_handler(Run& run, const ParsedTag&) {
+  run.flush_requested = true;
   return value_new();
 }

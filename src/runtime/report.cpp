@@ -18,9 +18,9 @@ std::string line_of(const PageContext* ctx) {
   return std::to_string(ctx ? node_line(*ctx, ctx->current) : 0);
 }
 
-std::string printed(const ParsedTag& node) {
+std::string printed(Run& run, const ParsedTag& node) {
   std::string out;
-  print_node(node, out);
+  print_node(run, node, out);
   return out;
 }
 
@@ -34,30 +34,30 @@ std::string option_required_message(std::string_view tag, std::string_view optio
   return m;
 }
 
-void report_diagnostic(std::string_view text, bool only_full) {
-  const PageContext* ctx = current_context();
-  uint8_t debug = ctx ? ctx->debug : engine.settings.default_debug;
+void report_diagnostic(Run& run, std::string_view text, bool only_full) {
+  const PageContext* ctx = current_context(run);
+  uint8_t debug = ctx ? ctx->debug : run.settings.default_debug;
   if (debug == DEBUG_OFF || (only_full && debug != DEBUG_ON)) return;
-  put(engine.errors, text);
+  put(run.errors, text);
 }
 
-void report_internal_error() {
-  report_diagnostic("Fatal Error:  An internal error has occurred in Corvane.\n");
+void report_internal_error(Run& run) {
+  report_diagnostic(run, "Fatal Error:  An internal error has occurred in Corvane.\n");
 }
 
-void report_error(const ParsedTag& tag, std::string_view message) {
-  PageContext* ctx = current_context();
+void report_error(Run& run, const ParsedTag& tag, std::string_view message) {
+  PageContext* ctx = current_context(run);
   if (ctx && ctx->debug != DEBUG_OFF) {
-    write_page_statistics();
+    write_page_statistics(run);
     std::string r = "\n\nError in \"" + ctx->full_path + "\" on or near line #" + line_of(ctx) + ":\n";
     if (tag.is_tag) {
       r += "Error:  Error in <" + tag.name + ">.  ";
       r += message;
       r += "\nHere is the processed tag that caused the error:\n";
-      r += printed(tag);
+      r += printed(run, tag);
       if (node_is_tag(*ctx, ctx->current)) {
         r += "\n\nHere is the original tag that caused the error:\n";
-        print_node(*ctx->page, ctx->current, r);
+        print_node(run, *ctx->page, ctx->current, r);
       }
     } else {
       r += message;
@@ -66,44 +66,44 @@ void report_error(const ParsedTag& tag, std::string_view message) {
     }
     r += "\n\nBelow is the processed page that Corvane saw (note that it may only be a portion of the "
          "original page and may look distorted due to improperly written code):\n\n";
-    for (uint32_t i = 0; ctx->page && i < ctx->page->size(); i++) print_node(*ctx->page, i, r);
+    for (uint32_t i = 0; ctx->page && i < ctx->page->size(); i++) print_node(run, *ctx->page, i, r);
     r += "\n\n";
-    put(engine.errors, r);
+    put(run.errors, r);
   }
-  engine.stop = true;
+  run.stop = true;
 }
 
-ValuePtr report_failure(const ParsedTag& tag, std::string_view message) {
-  report_error(tag, message);
+ValuePtr report_failure(Run& run, const ParsedTag& tag, std::string_view message) {
+  report_error(run, tag, message);
   return value_new();
 }
 
-void report_unneeded_tag(const ParsedTag& tag) {
-  const PageContext* ctx = current_context();
+void report_unneeded_tag(Run& run, const ParsedTag& tag) {
+  const PageContext* ctx = current_context(run);
   if (!ctx || ctx->debug != DEBUG_ON) return;
   std::string r = "Warning in \"" + ctx->file_name + "\" on or near line #" + line_of(ctx) + ":\n";
   r += "Warning:  <" + tag.name +
        "> is not a necessary tag.  Corvane recognizes this tag only to provide this warning.  "
        "Remove this tag from the source to stop these warnings.\n\n\n";
-  put(engine.errors, r);
+  put(run.errors, r);
 }
 
-ValuePtr unneeded_tag_handler(const ParsedTag& tag) {
-  report_unneeded_tag(tag);
+ValuePtr unneeded_tag_handler(Run& run, const ParsedTag& tag) {
+  report_unneeded_tag(run, tag);
   return value_new();
 }
 
-void write_page_statistics() {
-  const PageContext* ctx = current_context();
+void write_page_statistics(Run& run) {
+  const PageContext* ctx = current_context(run);
   if (!ctx || ctx->debug != DEBUG_ON) return;
-  if (!engine.stats || engine.stats->data.empty()) put(engine.stats, "Page Statistics:\n\n");
-  put(engine.stats, ctx->full_path + " - " + std::to_string(now_ms() - ctx->start_ms) + "ms\n");
-  write_stack_dump();
-  write_variable_dump();
+  if (!run.stats || run.stats->data.empty()) put(run.stats, "Page Statistics:\n\n");
+  put(run.stats, ctx->full_path + " - " + std::to_string(now_ms() - ctx->start_ms) + "ms\n");
+  write_stack_dump(run);
+  write_variable_dump(run);
 }
 
-void write_stack_dump() {
-  const PageContext* ctx = current_context();
+void write_stack_dump(Run& run) {
+  const PageContext* ctx = current_context(run);
   if (!ctx || ctx->tag_stack.empty()) return;
   std::string r = "\n\nStack dump of " + ctx->full_path + ":\n\n";
   for (uint32_t node : ctx->tag_stack) {
@@ -112,17 +112,17 @@ void write_stack_dump() {
     else
       r += "Text from line #" + std::to_string(node_line(*ctx, node)) + " found on stack.\n";
   }
-  put(engine.stats, r);
+  put(run.stats, r);
 }
 
-void write_variable_dump() {
-  const PageContext* ctx = current_context();
-  if (!ctx || !engine.names) return;
+void write_variable_dump(Run& run) {
+  const PageContext* ctx = current_context(run);
+  if (!ctx || !run.names) return;
   std::string r = "\n\nLevel 4 tag dump of " + ctx->full_path + ":\n\n";
-  for (const TableEntry& e : engine.names->entries) {
+  for (const TableEntry& e : run.names->entries) {
     if (e.entry.kind == KIND_VARIABLE) r += "  " + e.name + "\n";
   }
-  put(engine.stats, r);
+  put(run.stats, r);
 }
 
 // ---------------------------------------------------------------------------
@@ -186,44 +186,44 @@ bool has_text(const DynStringPtr& buffer) { return buffer && !buffer->data.empty
 
 }  // namespace
 
-void send_reports() {
-  bool cgi = engine.settings.cgi_mode;
-  if (has_text(engine.sql_stats)) {
+void send_reports(Run& run) {
+  bool cgi = run.settings.cgi_mode;
+  if (has_text(run.sql_stats)) {
     std::string r;
     if (cgi) r += "<hr>\n<pre>\n";
-    r += escape_sql_stats(engine.sql_stats->data);
+    r += escape_sql_stats(run.sql_stats->data);
     if (cgi) r += "</pre>\n";
-    write_stdout(r);
+    write_response(run, r);
   }
-  if (has_text(engine.stats)) {
+  if (has_text(run.stats)) {
     if (cgi)
-      write_stdout("<hr>\n<pre>\n" + engine.stats->data + "</pre>\n");
+      write_response(run, "<hr>\n<pre>\n" + run.stats->data + "</pre>\n");
     else
-      write_stdout(engine.stats->data);
+      write_response(run, run.stats->data);
   }
-  if (has_text(engine.errors)) {
+  if (has_text(run.errors)) {
     if (cgi)
-      write_stdout("<hr>\n" + escape_errors(engine.errors->data));
+      write_response(run, "<hr>\n" + escape_errors(run.errors->data));
     else
-      write_stdout(engine.errors->data);
+      write_response(run, run.errors->data);
   }
 }
 
 // ---------------------------------------------------------------------------
 // CVDEBUG type="on|error|off"
 
-ValuePtr cvdebug_handler(const ParsedTag& tag) {
+ValuePtr cvdebug_handler(Run& run, const ParsedTag& tag) {
   const std::string* type = tag_option(tag, "type");
   if (!type) {
-    report_error(tag, option_required_message("CVDEBUG", "type"));
+    report_error(run, tag, option_required_message("CVDEBUG", "type"));
     return value_new();
   }
-  PageContext* ctx = current_context();
+  PageContext* ctx = current_context(run);
   if (keyword_is(*type, "on")) ctx->debug = DEBUG_ON;
   else if (keyword_is(*type, "error")) ctx->debug = DEBUG_ERRORS;
   else if (keyword_is(*type, "off")) ctx->debug = DEBUG_OFF;
   else
-    report_error(tag, "The CVDEBUG 'type' option may only be 'on', 'error', or 'off'.  "
+    report_error(run, tag, "The CVDEBUG 'type' option may only be 'on', 'error', or 'off'.  "
                       "See the Corvane documentation for details.");
   return value_new();
 }

@@ -8,11 +8,11 @@
 
 #include "runtime/run.h"
 #include "runtime/report.h"
-#include "program/startup.h"
+#include "runtime/request.h"
 #include "base/encoders.h"
 #include "runtime/run.h"
 #include "runtime/report.h"
-#include "program/startup.h"
+#include "runtime/request.h"
 #include "runtime/multipart.h"
 #include "runtime/uploads.h"
 #include "base/encoders.h"
@@ -60,10 +60,10 @@ std::vector<RequestPair> parse_cookies(std::string_view text, size_t max_pairs) 
 
 namespace {
 
-void set_variable(const char* name, ValuePtr value) {
+void set_variable(Run& run, const char* name, ValuePtr value) {
   TagHandler entry = make_variable_entry();
   entry.variable = std::move(value);
-  vartable_set(names_for_write(), name, std::move(entry));
+  vartable_set(names_for_write(run), name, std::move(entry));
 }
 
 // The rows a hash gets from adding the keys one after another, each after
@@ -88,44 +88,43 @@ ValuePtr hash_of_pairs(std::vector<RequestPair> pairs) {
 
 // Parses one part of the request, keeping at most kMaxRequestPairs pairs;
 // a longer part leaves a warning for the error report.
-std::vector<RequestPair> bounded_pairs(std::string_view text, bool cookies, const char* part) {
+std::vector<RequestPair> bounded_pairs(Run& run, std::string_view text, bool cookies, const char* part) {
   std::vector<RequestPair> pairs = cookies ? parse_cookies(text, kMaxRequestPairs + 1)
                                            : parse_pairs(text, kMaxRequestPairs + 1);
   if (pairs.size() > kMaxRequestPairs) {
     pairs.resize(kMaxRequestPairs);
-    report_diagnostic(std::string("Warning:  The ") + part + " holds more than " +
+    report_diagnostic(run, std::string("Warning:  The ") + part + " holds more than " +
                       std::to_string(kMaxRequestPairs) + " pairs; only the first " +
                       std::to_string(kMaxRequestPairs) + " were kept.\n");
   }
   return pairs;
 }
 
-std::string read_post_body(size_t length) {
+std::string read_post_body(Run& run, size_t length) {
   std::string body;
   char chunk[65536];
-  while (body.size() < length) {
+  while (body.size() < length && run.io.read) {
     size_t want = std::min(sizeof chunk, length - body.size());
-    ssize_t got = ::read(STDIN_FILENO, chunk, want);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    body.append(chunk, static_cast<size_t>(got));
+    size_t got = run.io.read(run.io.context, chunk, want);
+    if (got == 0) break;
+    body.append(chunk, got);
   }
   return body;
 }
 
 // A length as the request states it: decimal digits after optional white
 // space and sign; anything else, or a negative number, means nothing to read.
-size_t content_length() {
-  const char* text = std::getenv("CONTENT_LENGTH");
-  if (!text) text = std::getenv("HTTP_CONTENT_LENGTH");
+size_t content_length(Run& run) {
+  const char* text = run_env(run, "CONTENT_LENGTH");
+  if (!text) text = run_env(run, "HTTP_CONTENT_LENGTH");
   if (!text) return 0;
   errno = 0;
   long long n = std::strtoll(text, nullptr, 10);
   return n > 0 ? static_cast<size_t>(n) : 0;
 }
 
-bool is_post() {
-  const char* method = std::getenv("REQUEST_METHOD");
+bool is_post(Run& run) {
+  const char* method = run_env(run, "REQUEST_METHOD");
   if (!method) return false;
   std::string_view m(method);
   return m.size() == 4 && std::toupper(static_cast<unsigned char>(m[0])) == 'P' &&
@@ -136,56 +135,56 @@ bool is_post() {
 
 }  // namespace
 
-void request_variables() {
+void request_variables(Run& run) {
   ValuePtr ascii = value_new();
   ascii->type = VT_LIST;
   ascii->list.reserve(256);
   for (int i = 0; i < 256; ++i) ascii->list.push_back(value_from_string(std::string(1, static_cast<char>(i))));
-  set_variable("ASCII", std::move(ascii));
+  set_variable(run, "ASCII", std::move(ascii));
 
   std::vector<RequestPair> environment;
-  environment.reserve(engine.envp.size());
-  for (const std::string& entry : engine.envp) {
+  environment.reserve(run.env.size());
+  for (const std::string& entry : run.env) {
     size_t eq = entry.find('=');
     environment.push_back({entry.substr(0, eq), eq == std::string::npos ? std::string() : entry.substr(eq + 1)});
   }
-  set_variable("CGI", hash_of_pairs(std::move(environment)));
+  set_variable(run, "CGI", hash_of_pairs(std::move(environment)));
 
   ValuePtr args = value_new();
   args->type = VT_LIST;
-  for (const std::string& a : engine.argv) args->list.push_back(value_from_string(a));
-  set_variable("ARGV", std::move(args));
+  for (const std::string& a : run.argv) args->list.push_back(value_from_string(a));
+  set_variable(run, "ARGV", std::move(args));
 
   // Pairs are stored newest first, so equal keys stand in reverse order.
-  const char* query = std::getenv("QUERY_STRING");
+  const char* query = run_env(run, "QUERY_STRING");
   if (query && *query) {
-    std::vector<RequestPair> pairs = bounded_pairs(query, false, "query string");
+    std::vector<RequestPair> pairs = bounded_pairs(run, query, false, "query string");
     std::reverse(pairs.begin(), pairs.end());
-    set_variable("HTTPGET", hash_of_pairs(std::move(pairs)));
+    set_variable(run, "HTTPGET", hash_of_pairs(std::move(pairs)));
   }
 
-  if (is_post()) {
-    size_t length = content_length(), limit = upload_limit();
+  if (is_post(run)) {
+    size_t length = content_length(run), limit = upload_limit();
     std::string body;
     if (length > limit)
-      report_diagnostic("Warning:  The POST body of " + std::to_string(length) + " bytes is larger than the upload "
+      report_diagnostic(run, "Warning:  The POST body of " + std::to_string(length) + " bytes is larger than the upload "
                         "limit of " + std::to_string(limit) + " bytes (CVML_MAX_UPLOAD); it was not read.\n");
     else
-      body = read_post_body(length);
-    const char* type = std::getenv("CONTENT_TYPE");
+      body = read_post_body(run, length);
+    const char* type = run_env(run, "CONTENT_TYPE");
     if (!body.empty() && type && is_multipart_form(type)) {
       std::vector<RequestPair> pairs;
-      ValuePtr files = multipart_request(body, type, &pairs);
-      if (files) set_variable("HTTPFILES", std::move(files));
+      ValuePtr files = multipart_request(run, body, type, &pairs);
+      if (files) set_variable(run, "HTTPFILES", std::move(files));
       std::reverse(pairs.begin(), pairs.end());
-      if (!pairs.empty()) set_variable("HTTPPOST", hash_of_pairs(std::move(pairs)));
+      if (!pairs.empty()) set_variable(run, "HTTPPOST", hash_of_pairs(std::move(pairs)));
     } else if (!body.empty()) {
-      std::vector<RequestPair> pairs = bounded_pairs(body, false, "POST body");
+      std::vector<RequestPair> pairs = bounded_pairs(run, body, false, "POST body");
       std::reverse(pairs.begin(), pairs.end());
-      set_variable("HTTPPOST", hash_of_pairs(std::move(pairs)));
+      set_variable(run, "HTTPPOST", hash_of_pairs(std::move(pairs)));
     }
   }
 
-  const char* cookie = std::getenv("HTTP_COOKIE");
-  if (cookie && *cookie) set_variable("HTTPCOOKIE", hash_of_pairs(bounded_pairs(cookie, true, "cookie header")));
+  const char* cookie = run_env(run, "HTTP_COOKIE");
+  if (cookie && *cookie) set_variable(run, "HTTPCOOKIE", hash_of_pairs(bounded_pairs(run, cookie, true, "cookie header")));
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/dynstring.h"
+#include "base/random.h"
 #include "page/page.h"
 #include "page/tag.h"
 #include "values/value.h"
@@ -50,7 +51,28 @@ struct Settings {
   uint8_t default_debug = DEBUG_ON;
 };
 
-struct Engine {
+// How a request is read and its response written: standard input and
+// output for CGI and the command line, a FastCGI request's streams in the
+// server.
+struct RequestIO {
+  // Up to `size` bytes of the request body; 0 at its end.
+  size_t (*read)(void* context, char* buffer, size_t size) = nullptr;
+  // Response bytes; false once the client has gone.
+  bool (*write)(void* context, std::string_view bytes) = nullptr;
+  void* context = nullptr;
+};
+
+// What a handler folder keeps for the length of a run (open files,
+// connections, database connections, uploaded files): released, in the
+// reverse order of the slots, when the run ends.
+struct RunState {
+  virtual ~RunState() = default;
+};
+enum RunStateSlot : uint8_t { STATE_UPLOADS, STATE_FILES, STATE_CONNECTIONS, STATE_DATABASE, STATE_COUNT };
+
+// Everything one request changes: made when the request starts and
+// dropped when it ends, so that nothing of one request reaches the next.
+struct Run {
   Settings settings;
   // Flags; `stop` is never cleared once raised.
   bool stop = false;
@@ -71,12 +93,33 @@ struct Engine {
   bool headers_sent = false;
   bool body_sent = false;
 
-  // The program's arguments and environment, kept for the run.
+  // The program's arguments and the request's environment ("NAME=value").
   std::vector<std::string> argv;
-  std::vector<std::string> envp;
+  std::vector<std::string> env;
+  RequestIO io;
+
+  // Decimal mode and the decimal precision (CV-MATH), and the status of the
+  // last arithmetic evaluation.
+  NumberMode numbers;
+  uint8_t eval_status = EVAL_OK;
+  RandomState random;
+
+  std::unique_ptr<RunState> states[STATE_COUNT];
+
+  Run() = default;
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+  ~Run();
 };
 
-extern Engine engine;
+// A variable of the request's environment; null when it is not set.
+const char* run_env(const Run& run, std::string_view name);
+// The run's state in `slot`, made on first use.
+template <typename State>
+State& run_state(Run& run, RunStateSlot slot) {
+  if (!run.states[slot]) run.states[slot] = std::make_unique<State>();
+  return static_cast<State&>(*run.states[slot]);
+}
 
 // Set from the environment at start-up (CVML_GENERAL_PATH=1): every option
 // is processed as a page of its own, every expression as text, every block
@@ -84,26 +127,24 @@ extern Engine engine;
 // give the same output, headers and reports; tests run both.
 extern bool general_path_only;
 
-// Clears every flag, buffer and context: a fresh engine for one run.
-void engine_reset();
 uint64_t now_ms();
-PageContext* current_context();
+PageContext* current_context(Run& run);
 // The table in force, for reading, and for writing: a table still shared
 // with a saved context is copied first, so contexts see copies on write.
-VarTable& names_for_read();
-VarTable& names_for_write();
+VarTable& names_for_read(Run& run);
+VarTable& names_for_write(Run& run);
 
 // The 47 built-in rows in a new table.
-bool tag_table_init();
+bool tag_table_init(Run& run);
 // The entry of a built-in tag (every table holds the same built-in rows).
 const TagHandler* builtin_entry(uint8_t tag);
 
-void context_push();
-void context_pop();
-void tag_stack_push();
-bool tag_stack_return();
+void context_push(Run& run);
+void context_pop(Run& run);
+void tag_stack_push(Run& run);
+bool tag_stack_return(Run& run);
 // Makes `page` the context's page, its first node the current one.
-void install_page(PageContext* ctx, PagePtr page);
+void install_page(Run& run, PageContext* ctx, PagePtr page);
 
 // Nodes of a context.
 inline bool node_is(const PageContext& ctx, uint32_t node, uint8_t tag) {
@@ -123,16 +164,16 @@ inline uint32_t next_node(const PageContext& ctx, uint32_t node) {
 uint32_t block_jump(const PageContext& ctx, uint32_t node);
 
 // The main loop over every context.
-void run_pages();
+void run_pages(Run& run);
 // The output of one node of a page; false for an internal failure.
-bool process_node(const Page& page, uint32_t index, std::string& out);
+bool process_node(Run& run, const Page& page, uint32_t index, std::string& out);
 // Processes the current node of the current context and advances it; the
 // output goes to `out`, not to the body.  False for an internal failure.
-bool process_current_node(std::string& out);
+bool process_current_node(Run& run, std::string& out);
 // Processes text as a page of its own and returns its output.
-std::string process_text(std::string_view text);
+std::string process_text(Run& run, std::string_view text);
 // The value of a variable tag, or null when the name is not a variable.
-ValuePtr call_variable_tag(const ParsedTag& tag);
+ValuePtr call_variable_tag(Run& run, const ParsedTag& tag);
 
 // Runs the block that the current node opens, from the node after it until
 // its closing tag replaces the opening tag's stack entry, with the page body
@@ -141,17 +182,17 @@ ValuePtr call_variable_tag(const ParsedTag& tag);
 // block run to their end inside it.  False, with the current node back on
 // the opening tag and nothing captured, when the page ends before the
 // closing tag.
-bool run_block_captured(void (*capture)(), std::string* captured);
+bool run_block_captured(Run& run, void (*capture)(Run&), std::string* captured);
 
 // An option of the processed tag evaluated as an expression (see
 // expr_evaluate); null when the tag has no such option.  Values the compiled
 // path left unprinted are computed from their references' numbers.
-ValuePtr option_evaluate(const ParsedTag& tag, OptionKey name);
+ValuePtr option_evaluate(Run& run, const ParsedTag& tag, OptionKey name);
 
 // A tag or a page node printed back as page text, with the name table's
 // spelling of its name when the name is in the table.
-void print_node(const ParsedTag& tag, std::string& out);
-void print_node(const Page& page, uint32_t node, std::string& out);
+void print_node(Run& run, const ParsedTag& tag, std::string& out);
+void print_node(Run& run, const Page& page, uint32_t node, std::string& out);
 
 // The compiled page of a file, or null when it cannot be read (a file that
 // is not a regular file cannot).

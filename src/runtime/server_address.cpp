@@ -1,6 +1,8 @@
 // The server's own address for redirects, from the CGI environment.
 #include "runtime/server_address.h"
 
+#include "runtime/run.h"
+
 #include <cctype>
 #include <cstdlib>
 #include <string>
@@ -19,8 +21,8 @@ bool is_name_byte(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_';
 }
 
-std::string_view env_view(const char* name) {
-  const char* v = std::getenv(name);
+std::string_view env_view(const Run& run, const char* name) {
+  const char* v = run_env(run, name);
   return v ? std::string_view(v) : std::string_view();
 }
 
@@ -60,13 +62,13 @@ bool is_host_and_port(std::string_view text) {
   return true;
 }
 
-std::string server_base_url() {
-  std::string_view https = env_view("HTTPS");
+std::string server_base_url(Run& run) {
+  std::string_view https = env_view(run, "HTTPS");
   bool secure = https.size() == 2 && std::tolower(static_cast<unsigned char>(https[0])) == 'o' &&
                 std::tolower(static_cast<unsigned char>(https[1])) == 'n';
   std::string host;
   for (const char* name : {"SERVER_NAME", "HTTP_HOST"}) {
-    std::string_view candidate = env_view(name);
+    std::string_view candidate = env_view(run, name);
     if (is_bare_ipv6(candidate)) {
       host = "[" + std::string(candidate) + "]";
       break;
@@ -80,7 +82,7 @@ std::string server_base_url() {
   // The host carries a port when a ":" follows its name or its "]".
   size_t bracket = host.rfind(']');
   bool has_port = host.find(':', bracket == std::string::npos ? 0 : bracket) != std::string::npos;
-  std::string_view port_text = env_view("SERVER_PORT");
+  std::string_view port_text = env_view(run, "SERVER_PORT");
   long port = all_digits(port_text) ? std::strtol(std::string(port_text).c_str(), nullptr, 10) : 0;
   if (!has_port && port > 0 && port <= 65535 && port != (secure ? 443 : 80)) {
     host += ':';

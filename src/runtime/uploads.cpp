@@ -10,14 +10,19 @@
 
 #include "runtime/multipart.h"
 #include "runtime/report.h"
+#include "runtime/run.h"
 
 namespace {
 
-// Paths of the temporary copies made in this run.
-std::vector<std::string>& temporary_files() {
-  static std::vector<std::string> files;
-  return files;
-}
+// Paths of the temporary copies made in this run, removed when it ends.
+struct Uploads : RunState {
+  std::vector<std::string> files;
+  ~Uploads() override {
+    for (const std::string& path : files) ::unlink(path.c_str());
+  }
+};
+
+std::vector<std::string>& temporary_files(Run& run) { return run_state<Uploads>(run, STATE_UPLOADS).files; }
 
 bool write_all(int fd, std::string_view data) {
   while (!data.empty()) {
@@ -30,14 +35,14 @@ bool write_all(int fd, std::string_view data) {
 }
 
 // A temporary copy of `data`; false, with the reason, when it cannot be made.
-bool store_copy(std::string_view data, std::string* path, std::string* reason) {
+bool store_copy(Run& run, std::string_view data, std::string* path, std::string* reason) {
   std::string name = upload_directory() + "/cvml-upload-XXXXXX";
   int fd = ::mkstemp(name.data());
   if (fd < 0) {
     *reason = std::strerror(errno);
     return false;
   }
-  temporary_files().push_back(name);
+  temporary_files(run).push_back(name);
   bool written = write_all(fd, data);
   if (!written) *reason = errno ? std::strerror(errno) : "short write";
   if (::close(fd) != 0 && written) {
@@ -46,7 +51,7 @@ bool store_copy(std::string_view data, std::string* path, std::string* reason) {
   }
   if (!written) {
     ::unlink(name.c_str());
-    temporary_files().pop_back();
+    temporary_files(run).pop_back();
     return false;
   }
   *path = std::move(name);
@@ -97,11 +102,11 @@ std::string upload_directory() {
   return "/tmp";
 }
 
-ValuePtr multipart_request(std::string_view body, std::string_view content_type,
+ValuePtr multipart_request(Run& run, std::string_view body, std::string_view content_type,
                            std::vector<RequestPair>* fields) {
   std::string boundary = multipart_boundary(content_type);
   if (boundary.empty()) {
-    report_diagnostic("Warning:  The multipart POST body has no valid boundary in its Content-Type; "
+    report_diagnostic(run, "Warning:  The multipart POST body has no valid boundary in its Content-Type; "
                       "none of its fields were read.\n");
     return nullptr;
   }
@@ -110,16 +115,16 @@ ValuePtr multipart_request(std::string_view body, std::string_view content_type,
     case MULTIPART_OK:
       break;
     case MULTIPART_TRUNCATED:
-      report_diagnostic("Warning:  The multipart POST body ended before its closing boundary; the part cut "
+      report_diagnostic(run, "Warning:  The multipart POST body ended before its closing boundary; the part cut "
                         "short was dropped (complete parts kept: " + std::to_string(form.parts.size()) + ").\n");
       break;
     case MULTIPART_MALFORMED:
-      report_diagnostic("Warning:  The multipart POST body has a part whose headers cannot be read; the "
+      report_diagnostic(run, "Warning:  The multipart POST body has a part whose headers cannot be read; the "
                         "rest of the body was dropped (complete parts kept: " + std::to_string(form.parts.size()) +
                         ").\n");
       break;
     case MULTIPART_TOO_MANY:
-      report_diagnostic("Warning:  The multipart POST body holds more than " + std::to_string(kMaxRequestPairs) +
+      report_diagnostic(run, "Warning:  The multipart POST body holds more than " + std::to_string(kMaxRequestPairs) +
                         " parts; only the first " + std::to_string(kMaxRequestPairs) + " were kept.\n");
       break;
   }
@@ -134,15 +139,15 @@ ValuePtr multipart_request(std::string_view body, std::string_view content_type,
     // A file field left empty: the browser sends no name and no bytes.
     if (part.filename.empty() && part.data.empty()) continue;
     if (file_count == kMaxUploadFiles) {
-      report_diagnostic("Warning:  The multipart POST body holds more than " + std::to_string(kMaxUploadFiles) +
+      report_diagnostic(run, "Warning:  The multipart POST body holds more than " + std::to_string(kMaxUploadFiles) +
                         " files; only the first " + std::to_string(kMaxUploadFiles) + " were kept.\n");
       ++file_count;
       continue;
     }
     if (file_count > kMaxUploadFiles) continue;
     std::string path, reason;
-    if (!store_copy(part.data, &path, &reason)) {
-      report_diagnostic("Warning:  An uploaded file could not be stored in " + upload_directory() + " (" + reason +
+    if (!store_copy(run, part.data, &path, &reason)) {
+      report_diagnostic(run, "Warning:  An uploaded file could not be stored in " + upload_directory() + " (" + reason +
                         "); it was left out.\n");
       continue;
     }
@@ -161,7 +166,3 @@ ValuePtr multipart_request(std::string_view body, std::string_view content_type,
   return files;
 }
 
-void remove_uploads() {
-  for (const std::string& path : temporary_files()) ::unlink(path.c_str());
-  temporary_files().clear();
-}

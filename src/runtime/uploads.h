@@ -7,8 +7,10 @@
 #include <string_view>
 #include <vector>
 
-#include "program/startup.h"
+#include "runtime/request.h"
 #include "values/value.h"
+
+struct Run;
 
 // Largest POST body read, in bytes: CVML_MAX_UPLOAD (a number of bytes,
 // optionally followed by K, M or G for powers of 1024), else 32 MiB.
@@ -24,8 +26,6 @@ std::string upload_directory();
 // (in body order) and its files are stored as temporary copies; returns the
 // HTTPFILES hash (field name -> hash of "name", "type", "size", "path"), or
 // null when no file came.  Problems leave warnings in the error report.
-ValuePtr multipart_request(std::string_view body, std::string_view content_type,
+ValuePtr multipart_request(Run& run, std::string_view body, std::string_view content_type,
                            std::vector<RequestPair>* fields);
 
-// Removes every temporary copy this run made.
-void remove_uploads();

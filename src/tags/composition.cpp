@@ -42,9 +42,9 @@ bool equals_nocase(std::string_view a, std::string_view b) { return compare_byte
 
 // Page contexts below the current one, not counting the ones that only
 // process option text.
-size_t include_depth() {
+size_t include_depth(Run& run) {
   size_t depth = 0;
-  for (const auto& ctx : engine.contexts) {
+  for (const auto& ctx : run.contexts) {
     if (!ctx->text_only) ++depth;
   }
   return depth;
@@ -53,46 +53,46 @@ size_t include_depth() {
 
 // Fills the new context from the file named by "file"; false after
 // reporting the failure (the new context is popped first).
-bool load_file(const ParsedTag& tag, const PageContext& outer, PageContext* inner, const std::string& file) {
+bool load_file(Run& run, const ParsedTag& tag, const PageContext& outer, PageContext* inner, const std::string& file) {
   std::string directory;
   if (!resolve_page_directory(outer.directory, file, &directory)) {
-    context_pop();
-    report_error(tag, kIncludeWebProtocol);
+    context_pop(run);
+    report_error(run, tag, kIncludeWebProtocol);
     return false;
   }
   std::string file_name(last_path_part(file));
   if (file_name.empty()) file_name = "index.cvm";
   inner->directory = directory;
   inner->file_name = file_name;
-  inner->full_path = engine.settings.doc_root + directory + file_name;
+  inner->full_path = run.settings.doc_root + directory + file_name;
 
   std::error_code ec;
   PagePtr page;
   if (!std::filesystem::is_directory(inner->full_path, ec)) page = load_page(inner->full_path);
   if (!page) {
-    report_diagnostic("Error opening " + inner->full_path + " for processing.\n");
-    context_pop();
-    report_error(tag, kIncludeOpenFailed);
+    report_diagnostic(run, "Error opening " + inner->full_path + " for processing.\n");
+    context_pop(run);
+    report_error(run, tag, kIncludeOpenFailed);
     return false;
   }
-  install_page(inner, std::move(page));
+  install_page(run, inner, std::move(page));
   return true;
 }
 
 // Fills the new context from a variable's text; the page names stay those
 // of the including page.
-bool load_variable(const ParsedTag& tag, const PageContext& outer, PageContext* inner, const std::string& name) {
-  Value* value = level4_resolve(name);
+bool load_variable(Run& run, const ParsedTag& tag, const PageContext& outer, PageContext* inner, const std::string& name) {
+  Value* value = level4_resolve(run, name);
   if (!value) {
-    context_pop();
-    report_error(tag, kIncludeNoVariable);
+    context_pop(run);
+    report_error(run, tag, kIncludeNoVariable);
     return false;
   }
   std::string text = value_text(*value);
   inner->directory = outer.directory;
   inner->file_name = outer.file_name;
   inner->full_path = outer.full_path;
-  install_page(inner, compile_page(text, 1));
+  install_page(run, inner, compile_page(text, 1));
   return true;
 }
 
@@ -101,21 +101,21 @@ bool load_variable(const ParsedTag& tag, const PageContext& outer, PageContext* 
 // <CVINCLUDE file="..." | var="..." variables="global|local">
 // The included page runs in a context of its own on top of this one; the
 // main loop processes it to its end before continuing after this tag.
-ValuePtr cvinclude_handler(const ParsedTag& tag) {
+ValuePtr cvinclude_handler(Run& run, const ParsedTag& tag) {
   const std::string* file = tag_option(tag, "file");
   const std::string* var = tag_option(tag, "var");
   if ((file == nullptr) == (var == nullptr)) {
-    report_error(tag, kIncludeNeedsSource);
+    report_error(run, tag, kIncludeNeedsSource);
     return value_new();
   }
-  if (include_depth() > kMaxIncludeDepth) {
-    report_error(tag, kIncludeTooDeep);
+  if (include_depth(run) > kMaxIncludeDepth) {
+    report_error(run, tag, kIncludeTooDeep);
     return value_new();
   }
-  PageContext* outer = current_context();
-  context_push();
-  PageContext* inner = current_context();
-  bool loaded = file ? load_file(tag, *outer, inner, *file) : load_variable(tag, *outer, inner, *var);
+  PageContext* outer = current_context(run);
+  context_push(run);
+  PageContext* inner = current_context(run);
+  bool loaded = file ? load_file(run, tag, *outer, inner, *file) : load_variable(run, tag, *outer, inner, *var);
   if (!loaded) return value_new();
 
   if (const std::string* scope = tag_option(tag, "variables")) {
@@ -123,7 +123,7 @@ ValuePtr cvinclude_handler(const ParsedTag& tag) {
       inner->local_scope = true;
     } else if (!equals_nocase(*scope, "global")) {
       // The new context stays; the stopped main loop pops it.
-      report_error(tag, kIncludeBadVariables);
+      report_error(run, tag, kIncludeBadVariables);
       return value_new();
     }
   }
@@ -133,24 +133,24 @@ ValuePtr cvinclude_handler(const ParsedTag& tag) {
 }
 
 // <CVEXIT type="normal|error" error="...">
-ValuePtr cvexit_handler(const ParsedTag& tag) {
+ValuePtr cvexit_handler(Run& run, const ParsedTag& tag) {
   const std::string* type = tag_option(tag, "type");
   if (!type || equals_nocase(*type, "normal")) {
-    engine.stop = true;
+    run.stop = true;
   } else if (equals_nocase(*type, "error")) {
     const std::string* text = tag_option(tag, "error");
-    if (text && current_context()->output_mode != OUTPUT_OFF) body_append(*text);
-    engine.stop = true;
+    if (text && current_context(run)->output_mode != OUTPUT_OFF) body_append(run, *text);
+    run.stop = true;
   } else {
-    report_error(tag, kExitBadType);
+    report_error(run, tag, kExitBadType);
   }
   return value_new();
 }
 
 // <CVRESTART keepheader keepbody>: only the options' presence counts.  The
 // main loop empties the buffers once this tag has been processed.
-ValuePtr cvrestart_handler(const ParsedTag& tag) {
-  if (!tag_option(tag, "keepheader")) engine.header_discard = true;
-  if (!tag_option(tag, "keepbody")) engine.body_discard = true;
+ValuePtr cvrestart_handler(Run& run, const ParsedTag& tag) {
+  if (!tag_option(tag, "keepheader")) run.header_discard = true;
+  if (!tag_option(tag, "keepbody")) run.body_discard = true;
   return value_new();
 }

@@ -4,6 +4,8 @@
 #include "page/tag.h"
 #include "values/value.h"
 
-ValuePtr cvinclude_handler(const ParsedTag& tag);
-ValuePtr cvexit_handler(const ParsedTag& tag);
-ValuePtr cvrestart_handler(const ParsedTag& tag);
+struct Run;
+
+ValuePtr cvinclude_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvexit_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvrestart_handler(Run& run, const ParsedTag& tag);

@@ -73,31 +73,31 @@ bool branch_can_move(const PageContext& ctx, bool truth) {
 }
 
 // Runs the branch of a CVIF, or of a CVELSEIF whose turn has come.
-void evaluate_branch(const ParsedTag& tag) {
-  PageContext* ctx = current_context();
+void evaluate_branch(Run& run, const ParsedTag& tag) {
+  PageContext* ctx = current_context(run);
   const std::string* condition = tag_option(tag, "condition");
   if (!condition) {
-    report_error(tag, option_required_message(tag.name, "condition"));
+    report_error(run, tag, option_required_message(tag.name, "condition"));
     return;
   }
   bool numeric = false;
   bool truth = false;
   {
-    ValuePtr result = option_evaluate(tag, "condition");
+    ValuePtr result = option_evaluate(run, tag, "condition");
     if (result) truth = expr_value_truth(*result, &numeric);
   }
   if (!numeric) {
-    report_error(tag, tag.name + " requires the 'condition' option to be either a blank string or a number.");
+    report_error(run, tag, tag.name + " requires the 'condition' option to be either a blank string or a number.");
     return;
   }
   if (!branch_move(ctx, truth))
-    report_error(tag, tag.name + " requires a closing </CVIF> tag.  </CVIF> tag not found.");
+    report_error(run, tag, tag.name + " requires a closing </CVIF> tag.  </CVIF> tag not found.");
 }
 
 // A branch's condition worked out on the fast path.
-bool fast_truth(const FastArgs& args, bool* truth) {
+bool fast_truth(Run& run, const FastArgs& args, bool* truth) {
   double n;
-  if (!fast_number(args, fast_option(args, "condition"), &n)) return false;
+  if (!fast_number(run, args, fast_option(args, "condition"), &n)) return false;
   *truth = !(n > -0.000001 && n < 0.000001);
   return true;
 }
@@ -124,47 +124,47 @@ void leave_structure(PageContext* ctx) {
 }  // namespace
 
 // <CVIF condition="...">
-ValuePtr cvif_handler(const ParsedTag& tag) {
-  evaluate_branch(tag);
+ValuePtr cvif_handler(Run& run, const ParsedTag& tag) {
+  evaluate_branch(run, tag);
   return value_new();
 }
 
 // <CVELSEIF condition="...">
-ValuePtr cvelseif_handler(const ParsedTag& tag) {
-  PageContext* ctx = current_context();
+ValuePtr cvelseif_handler(Run& run, const ParsedTag& tag) {
+  PageContext* ctx = current_context(run);
   switch (stack_top_kind(*ctx)) {
     case TopKind::kEmpty:
-      report_error(tag, kElseifOutside);
+      report_error(run, tag, kElseifOutside);
       break;
     case TopKind::kText:
-      report_error(tag, kElseifNoTag);
+      report_error(run, tag, kElseifNoTag);
       break;
     case TopKind::kOther:
-      report_error(tag, kElseifAfterOther);
+      report_error(run, tag, kElseifAfterOther);
       break;
     case TopKind::kTakenBranch:
       leave_structure(ctx);
       break;
     case TopKind::kUntakenBranch:
       ctx->tag_stack.pop_back();
-      evaluate_branch(tag);
+      evaluate_branch(run, tag);
       break;
   }
   return value_new();
 }
 
 // <CVELSE>
-ValuePtr cvelse_handler(const ParsedTag& tag) {
-  PageContext* ctx = current_context();
+ValuePtr cvelse_handler(Run& run, const ParsedTag& tag) {
+  PageContext* ctx = current_context(run);
   switch (stack_top_kind(*ctx)) {
     case TopKind::kEmpty:
-      report_error(tag, kElseOutside);
+      report_error(run, tag, kElseOutside);
       break;
     case TopKind::kText:
-      report_error(tag, kElseNoTag);
+      report_error(run, tag, kElseNoTag);
       break;
     case TopKind::kOther:
-      report_error(tag, kElseAfterOther);
+      report_error(run, tag, kElseAfterOther);
       break;
     case TopKind::kTakenBranch:
       leave_structure(ctx);
@@ -173,7 +173,7 @@ ValuePtr cvelse_handler(const ParsedTag& tag) {
       ctx->tag_stack.pop_back();
       uint32_t end = closing_cvif(*ctx, ctx->current);
       if (end == kNoNode) {
-        report_error(tag, kElseNoClose);
+        report_error(run, tag, kElseNoClose);
         break;
       }
       ctx->tag_stack.push_back(end);
@@ -183,20 +183,20 @@ ValuePtr cvelse_handler(const ParsedTag& tag) {
   return value_new();
 }
 
-bool cvif_fast(FastArgs& args) {
+bool cvif_fast(Run& run, FastArgs& args) {
   bool truth;
-  return fast_truth(args, &truth) && branch_move(current_context(), truth);
+  return fast_truth(run, args, &truth) && branch_move(current_context(run), truth);
 }
 
-bool cvelseif_fast(FastArgs& args) {
-  PageContext* ctx = current_context();
+bool cvelseif_fast(Run& run, FastArgs& args) {
+  PageContext* ctx = current_context(run);
   switch (stack_top_kind(*ctx)) {
     case TopKind::kTakenBranch:
       leave_structure(ctx);
       return true;
     case TopKind::kUntakenBranch: {
       bool truth;
-      if (!fast_truth(args, &truth) || !branch_can_move(*ctx, truth)) return false;
+      if (!fast_truth(run, args, &truth) || !branch_can_move(*ctx, truth)) return false;
       ctx->tag_stack.pop_back();
       return branch_move(ctx, truth);
     }
@@ -205,8 +205,8 @@ bool cvelseif_fast(FastArgs& args) {
   }
 }
 
-bool cvelse_fast(FastArgs&) {
-  PageContext* ctx = current_context();
+bool cvelse_fast(Run& run, FastArgs&) {
+  PageContext* ctx = current_context(run);
   switch (stack_top_kind(*ctx)) {
     case TopKind::kTakenBranch:
       leave_structure(ctx);
@@ -223,20 +223,20 @@ bool cvelse_fast(FastArgs&) {
   }
 }
 
-bool cvif_close_fast(FastArgs&) {
-  PageContext* ctx = current_context();
+bool cvif_close_fast(Run& run, FastArgs&) {
+  PageContext* ctx = current_context(run);
   if (ctx->tag_stack.empty() || !node_is(*ctx, ctx->tag_stack.back(), TAG_CLOSE_CVIF)) return false;
   ctx->tag_stack.pop_back();
   return true;
 }
 
 // </CVIF>: the taken branch ended without meeting another branch tag.
-ValuePtr cvif_close_handler(const ParsedTag& tag) {
-  PageContext* ctx = current_context();
+ValuePtr cvif_close_handler(Run& run, const ParsedTag& tag) {
+  PageContext* ctx = current_context(run);
   if (!ctx->tag_stack.empty() && node_is(*ctx, ctx->tag_stack.back(), TAG_CLOSE_CVIF)) {
     ctx->tag_stack.pop_back();
   } else {
-    report_error(tag, kCloseNotOnTop);
+    report_error(run, tag, kCloseNotOnTop);
   }
   return value_new();
 }

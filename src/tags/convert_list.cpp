@@ -95,20 +95,20 @@ enum class Location { kFirst, kLast, kElement };
 }  // namespace
 
 // <CV-CONVERT var=reference type="number|string|list|array|hash">
-ValuePtr cvconvert_handler(const ParsedTag& tag) {
+ValuePtr cvconvert_handler(Run& run, const ParsedTag& tag) {
   const std::string* var = tag_option(tag, "var");
   if (!var) {
-    report_error(tag, option_required_message("CV-CONVERT", "var"));
+    report_error(run, tag, option_required_message("CV-CONVERT", "var"));
     return value_new();
   }
-  Value* v = level4_resolve(*var);
+  Value* v = level4_resolve(run, *var);
   if (!v) {
-    report_error(tag, not_obtained("CV-CONVERT"));
+    report_error(run, tag, not_obtained("CV-CONVERT"));
     return value_new();
   }
   const std::string* type = tag_option(tag, "type");
   if (!type) {
-    report_error(tag, option_required_message("CV-CONVERT", "type"));
+    report_error(run, tag, option_required_message("CV-CONVERT", "type"));
     return value_new();
   }
 
@@ -124,7 +124,7 @@ ValuePtr cvconvert_handler(const ParsedTag& tag) {
   } else if (keyword_is(*type, "hash")) {
     if (v->type != VT_HASH) converted = value_to_hash(*v);
   } else {
-    report_error(tag, kConvertBadType);
+    report_error(run, tag, kConvertBadType);
     return value_new();
   }
   // The assignment honours a string range the reference selected.
@@ -134,20 +134,20 @@ ValuePtr cvconvert_handler(const ParsedTag& tag) {
 
 // <CV-LIST operation="insert|remove" listvar=reference
 //          location="first|last|element" [element=expression] [var=reference]>
-ValuePtr cvlist_handler(const ParsedTag& tag) {
+ValuePtr cvlist_handler(Run& run, const ParsedTag& tag) {
   const std::string* operation = tag_option(tag, "operation");
   if (!operation) {
-    report_error(tag, option_required_message("CV-LIST", "operation"));
+    report_error(run, tag, option_required_message("CV-LIST", "operation"));
     return value_new();
   }
   const std::string* listvar = tag_option(tag, "listvar");
   if (!listvar) {
-    report_error(tag, option_required_message("CV-LIST", "listvar"));
+    report_error(run, tag, option_required_message("CV-LIST", "listvar"));
     return value_new();
   }
-  Value* list = level4_resolve(*listvar);
+  Value* list = level4_resolve(run, *listvar);
   if (!list) {
-    report_error(tag, not_obtained("CV-LIST"));
+    report_error(run, tag, not_obtained("CV-LIST"));
     return value_new();
   }
   // Converted before the other checks, so the conversion stays when one fails.
@@ -155,7 +155,7 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
 
   const std::string* location_text = tag_option(tag, "location");
   if (!location_text) {
-    report_error(tag, option_required_message("CV-LIST", "location"));
+    report_error(run, tag, option_required_message("CV-LIST", "location"));
     return value_new();
   }
   Location location;
@@ -169,28 +169,28 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
     location = Location::kElement;
     const std::string* element = tag_option(tag, "element");
     if (!element) {
-      report_error(tag, kListElementRequired);
+      report_error(run, tag, kListElementRequired);
       return value_new();
     }
     int64_t n = 0;
-    if (!evaluate_whole_option(*element, &n)) {
-      report_error(tag, kListElementNotNumber);
+    if (!evaluate_whole_option(run, *element, &n)) {
+      report_error(run, tag, kListElementNotNumber);
       return value_new();
     }
     // Read as unsigned, a negative position is far beyond the bound.
     pos = static_cast<uint64_t>(n);
   } else {
-    report_error(tag, kListBadLocation);
+    report_error(run, tag, kListBadLocation);
     return value_new();
   }
   if (pos >= kMaxPosition) {
-    report_error(tag, kListTooLong);
+    report_error(run, tag, kListTooLong);
     return value_new();
   }
 
   bool insert = keyword_is(*operation, "insert");
   if (!insert && !keyword_is(*operation, "remove")) {
-    report_error(tag, kListBadOperation);
+    report_error(run, tag, kListBadOperation);
     return value_new();
   }
 
@@ -198,9 +198,9 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
   // Evaluating "element" or resolving "var" may have run variable tags.
   bool recheck = (location == Location::kElement || var) && !is_bare_name(*listvar);
   auto list_again = [&]() -> bool {
-    if (recheck) list = level4_resolve(*listvar);
+    if (recheck) list = level4_resolve(run, *listvar);
     if (!list) {
-      report_error(tag, not_obtained("CV-LIST"));
+      report_error(run, tag, not_obtained("CV-LIST"));
       return false;
     }
     make_list(list);
@@ -210,9 +210,9 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
   if (insert) {
     ValuePtr item;
     if (var) {
-      Value* source = level4_resolve(*var);
+      Value* source = level4_resolve(run, *var);
       if (!source) {
-        report_error(tag, not_obtained("CV-LIST"));
+        report_error(run, tag, not_obtained("CV-LIST"));
         return value_new();
       }
       item = value_copy(*source);
@@ -225,9 +225,9 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
 
   Value* target = nullptr;
   if (var) {
-    target = level4_resolve(*var);
+    target = level4_resolve(run, *var);
     if (!target) {
-      report_error(tag, not_obtained("CV-LIST"));
+      report_error(run, tag, not_obtained("CV-LIST"));
       return value_new();
     }
   }
@@ -238,9 +238,9 @@ ValuePtr cvlist_handler(const ParsedTag& tag) {
   if (!var) return value_new();
   // Resolving the list again may have rebuilt what "var" pointed into.
   if (recheck && !is_bare_name(*var)) {
-    target = level4_resolve(*var);
+    target = level4_resolve(run, *var);
     if (!target) {
-      report_error(tag, not_obtained("CV-LIST"));
+      report_error(run, tag, not_obtained("CV-LIST"));
       return value_new();
     }
   }

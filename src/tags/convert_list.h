@@ -5,8 +5,10 @@
 #include "page/tag.h"
 #include "values/value.h"
 
+struct Run;
+
 // <CV-CONVERT var=reference type="number|string|list|array|hash">
-ValuePtr cvconvert_handler(const ParsedTag& tag);
+ValuePtr cvconvert_handler(Run& run, const ParsedTag& tag);
 // <CV-LIST operation="insert|remove" listvar=reference
 //          location="first|last|element" [element=expression] [var=reference]>
-ValuePtr cvlist_handler(const ParsedTag& tag);
+ValuePtr cvlist_handler(Run& run, const ParsedTag& tag);

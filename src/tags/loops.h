@@ -4,14 +4,16 @@
 #include "page/tag.h"
 #include "values/value.h"
 
-ValuePtr cvfor_handler(const ParsedTag& tag);
-ValuePtr cvfor_close_handler(const ParsedTag& tag);
-ValuePtr cvwhile_handler(const ParsedTag& tag);
-ValuePtr cvwhile_close_handler(const ParsedTag& tag);
+struct Run;
+
+ValuePtr cvfor_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvfor_close_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvwhile_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvwhile_close_handler(Run& run, const ParsedTag& tag);
 
 // Fast handlers (see runtime/execute.h).
 struct FastArgs;
-bool cvfor_fast(FastArgs& args);
-bool cvfor_close_fast(FastArgs& args);
-bool cvwhile_fast(FastArgs& args);
-bool cvwhile_close_fast(FastArgs& args);
+bool cvfor_fast(Run& run, FastArgs& args);
+bool cvfor_close_fast(Run& run, FastArgs& args);
+bool cvwhile_fast(Run& run, FastArgs& args);
+bool cvwhile_close_fast(Run& run, FastArgs& args);

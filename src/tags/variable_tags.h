@@ -5,12 +5,14 @@
 #include "page/tag.h"
 #include "values/value.h"
 
-ValuePtr cvvar_handler(const ParsedTag& tag);
-ValuePtr cvunvar_handler(const ParsedTag& tag);
-ValuePtr cvbinary_handler(const ParsedTag& tag);
-ValuePtr cvdirect_handler(const ParsedTag& tag);
-ValuePtr cvdirect_close_handler(const ParsedTag& tag);
+struct Run;
+
+ValuePtr cvvar_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvunvar_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvbinary_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvdirect_handler(Run& run, const ParsedTag& tag);
+ValuePtr cvdirect_close_handler(Run& run, const ParsedTag& tag);
 
 // Fast handler (see runtime/execute.h).
 struct FastArgs;
-bool cvvar_fast(FastArgs& args);
+bool cvvar_fast(Run& run, FastArgs& args);

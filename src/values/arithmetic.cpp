@@ -19,10 +19,12 @@
 
 #include "values/value.h"
 
-uint8_t eval_status = 0;
 bool arithmetic_shortcuts = true;
 
 namespace {
+
+// The status of the evaluation under way (the evaluators do not nest).
+uint8_t eval_status = 0;
 
 enum Op : uint8_t {
   OP_NOT, OP_BITNOT,
@@ -639,14 +641,18 @@ bool expr_is_arithmetic(std::string_view text) {
   return true;
 }
 
-double expr_eval_double(std::string_view text) {
+double expr_eval_double(std::string_view text, uint8_t* status) {
   eval_status = EVAL_OK;
-  return evaluate<double>(text);
+  double d = evaluate<double>(text);
+  *status = eval_status;
+  return d;
 }
 
-Decimal expr_eval_decimal(std::string_view text) {
+Decimal expr_eval_decimal(std::string_view text, uint8_t* status) {
   eval_status = EVAL_OK;
-  return evaluate<Decimal>(text);
+  Decimal d = evaluate<Decimal>(text);
+  *status = eval_status;
+  return d;
 }
 
 // ---------------------------------------------------------------------------

@@ -23,13 +23,10 @@ enum EvalStatus : uint8_t {
   EVAL_MISSING_COLON = 4,
 };
 
-// Status of the last arithmetic evaluation.
-extern uint8_t eval_status;
-
 // The two evaluators over arithmetic text (white space already removed or
-// not); they set eval_status.
-double expr_eval_double(std::string_view text);
-Decimal expr_eval_decimal(std::string_view text);
+// not); `status` receives the evaluation's EvalStatus.
+double expr_eval_double(std::string_view text, uint8_t* status);
+Decimal expr_eval_decimal(std::string_view text, uint8_t* status);
 // True when every byte may appear in arithmetic text and no number holds a
 // second decimal point.
 bool expr_is_arithmetic(std::string_view text);

@@ -13,7 +13,8 @@ namespace {
 // Division scale for the whole run.  Kept below a ceiling so that one
 // careless "setprecision" cannot make every quotient eat the memory.
 constexpr uint32_t kMaxDecimalPrecision = 100000;
-uint32_t g_precision = kDefaultDecimalPrecision;
+NumberMode default_mode;
+NumberMode* current_mode = &default_mode;
 
 // Powers of ten that fit one limb; scaling by them needs no temporary.
 constexpr std::array<unsigned long, 20> kPow10 = [] {
@@ -120,15 +121,13 @@ Decimal& Decimal::operator=(Decimal&& other) noexcept {
   return *this;
 }
 
-uint32_t decimal_precision() { return g_precision; }
+void set_number_mode(NumberMode* mode) { current_mode = mode ? mode : &default_mode; }
+
+NumberMode& number_mode() { return *current_mode; }
 
 void decimal_set_precision(uint32_t digits) {
-  g_precision = std::min(digits, kMaxDecimalPrecision);
+  current_mode->precision = std::min(digits, kMaxDecimalPrecision);
 }
-
-void decimal_engine_start() { g_precision = kDefaultDecimalPrecision; }
-
-void decimal_engine_stop() { g_precision = kDefaultDecimalPrecision; }
 
 Decimal decimal_from_text(std::string_view text) {
   Decimal d;
@@ -273,7 +272,7 @@ Decimal decimal_mul(const Decimal& a, const Decimal& b) {
   Decimal r;
   mpz_mul(r.digits, a.digits, b.digits);
   uint64_t full = uint64_t{a.scale} + b.scale;
-  uint32_t keep = std::max({g_precision, a.scale, b.scale});
+  uint32_t keep = std::max({current_mode->precision, a.scale, b.scale});
   if (full > keep) {
     scale_down(r.digits, r.digits, full - keep);
     r.scale = keep;
@@ -289,7 +288,7 @@ Decimal decimal_mul(const Decimal& a, const Decimal& b) {
 bool decimal_div(const Decimal& a, const Decimal& b, Decimal* out) {
   if (mpz_sgn(b.digits) == 0) return false;
   Decimal r;
-  int64_t shift = int64_t{g_precision} + b.scale - a.scale;
+  int64_t shift = int64_t{current_mode->precision} + b.scale - a.scale;
   if (shift >= 0) {
     scale_up(r.digits, a.digits, static_cast<uint64_t>(shift));
     mpz_tdiv_q(r.digits, r.digits, b.digits);
@@ -298,7 +297,7 @@ bool decimal_div(const Decimal& a, const Decimal& b, Decimal* out) {
     scale_up(divisor.v, b.digits, static_cast<uint64_t>(-shift));
     mpz_tdiv_q(r.digits, a.digits, divisor.v);
   }
-  r.scale = g_precision;
+  r.scale = current_mode->precision;
   *out = std::move(r);
   return true;
 }

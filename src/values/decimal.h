@@ -25,11 +25,17 @@ struct Decimal {
 
 // Fraction digits kept by division and by the transcendental functions.
 constexpr uint32_t kDefaultDecimalPrecision = 20;
-uint32_t decimal_precision();
+// Decimal mode and the precision: a run's own, which the run puts in force
+// while it runs (set_number_mode); a default one when none is.
+struct NumberMode {
+  bool decimal = false;
+  uint32_t precision = kDefaultDecimalPrecision;
+};
+void set_number_mode(NumberMode* mode);
+NumberMode& number_mode();
+inline uint32_t decimal_precision() { return number_mode().precision; }
 void decimal_set_precision(uint32_t digits);
 
-void decimal_engine_start();
-void decimal_engine_stop();
 
 // Reads the leading numeric part of `text` (optional white space, sign,
 // digits, ".", digits); text without one gives 0.

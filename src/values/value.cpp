@@ -10,7 +10,6 @@
 
 #include "base/encoders.h"
 
-uint8_t decimal_mode = 0;
 
 namespace {
 
@@ -192,7 +191,7 @@ std::string_view until_nul(std::string_view text) {
 }
 
 ValuePtr zero_number() {
-  return decimal_mode ? value_from_decimal(Decimal()) : value_from_number(0);
+  return number_mode().decimal ? value_from_decimal(Decimal()) : value_from_number(0);
 }
 
 // ------------------------------------------------------------------ hashes
@@ -559,21 +558,21 @@ ValuePtr value_to_number(const Value& value) {
   }
   switch (v->type) {
     case VT_INTEGER:
-      return decimal_mode ? value_from_decimal(decimal_from_int(v->integer))
+      return number_mode().decimal ? value_from_decimal(decimal_from_int(v->integer))
                           : value_from_number(v->integer);
     case VT_STRING: {
       bool whole = v->start == 0 && v->end == v->bytes.size();
       std::string text = whole ? std::string() : value_text(*v);
       std::string_view digits = until_nul(whole ? std::string_view(v->bytes) : text);
-      return decimal_mode ? value_from_decimal(decimal_from_text(digits))
+      return number_mode().decimal ? value_from_decimal(decimal_from_text(digits))
                           : value_from_number(read_double(digits));
     }
     case VT_DECIMAL:
       // Off decimal mode only the integer part survives.
-      return decimal_mode ? value_from_decimal(v->decimal)
+      return number_mode().decimal ? value_from_decimal(v->decimal)
                           : value_from_number(read_double(decimal_integer_text(v->decimal)));
     case VT_NUMBER:
-      return decimal_mode ? value_from_decimal(decimal_from_double(v->number))
+      return number_mode().decimal ? value_from_decimal(decimal_from_double(v->number))
                           : value_from_number(v->number);
     default:
       return zero_number();

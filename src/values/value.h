@@ -72,9 +72,6 @@ struct Value {
 // depth the nested parts are left out, so no page can exhaust the stack.
 constexpr int kMaxValueNesting = 2000;
 
-// Run-wide decimal-arithmetic switch: number conversions and expressions
-// give decimal numbers while it is 1, floating-point numbers while it is 0.
-extern uint8_t decimal_mode;
 
 ValuePtr value_new();
 void value_free(ValuePtr v);

@@ -13,10 +13,11 @@
 #include "values/value.h"
 
 struct ParsedTag;
+struct Run;
 
 // A tag handler receives the processed tag and returns the value that takes
 // the tag's place in the output (an empty value when it prints nothing).
-using TagHandlerFn = ValuePtr (*)(const ParsedTag& tag);
+using TagHandlerFn = ValuePtr (*)(Run& run, const ParsedTag& tag);
 
 enum EntryKind : uint8_t { KIND_BUILTIN = 1, KIND_VARIABLE = 4 };
 enum TagClass : uint8_t { CLASS_STATEMENT = 1, CLASS_FUNCTION = 2 };

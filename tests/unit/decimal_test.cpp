@@ -33,8 +33,9 @@ std::string mul_text(std::string_view a, std::string_view b) {
 // Each test starts and ends at the default precision.
 class DecimalTest : public ::testing::Test {
  protected:
-  void SetUp() override { decimal_engine_start(); }
-  void TearDown() override { decimal_engine_stop(); }
+  void SetUp() override { set_number_mode(&mode); }
+  void TearDown() override { set_number_mode(nullptr); }
+  NumberMode mode;
 };
 
 TEST_F(DecimalTest, ReadsLeadingNumericPart) {
@@ -63,7 +64,7 @@ TEST_F(DecimalTest, DivisionKeepsThePrecision) {
   decimal_set_precision(0);
   EXPECT_EQ("3", div_text("7", "2"));
   EXPECT_EQ("-3", div_text("-7", "2"));
-  decimal_engine_stop();
+  set_number_mode(nullptr);
   EXPECT_EQ(kDefaultDecimalPrecision, decimal_precision());
 }
 

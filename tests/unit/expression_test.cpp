@@ -6,9 +6,15 @@
 #include <cmath>
 #include <string>
 
+#include "runtime/run.h"
+
 namespace {
 
-std::string dec(std::string_view text) { return decimal_to_text(expr_eval_decimal(text)); }
+uint8_t eval_status = EVAL_OK;
+double eval_double(std::string_view text) { return expr_eval_double(text, &eval_status); }
+Decimal eval_decimal(std::string_view text) { return expr_eval_decimal(text, &eval_status); }
+
+std::string dec(std::string_view text) { return decimal_to_text(eval_decimal(text)); }
 
 struct Case {
   std::string text;
@@ -40,10 +46,10 @@ TEST(ExpressionTest, DoubleEvaluator) {
       {"1" + std::string(300, '0') + " * 10000000000", 0},
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(c.value, expr_eval_double(c.text)) << c.text;
+    EXPECT_EQ(c.value, eval_double(c.text)) << c.text;
     EXPECT_EQ(c.status, eval_status) << c.text;
   }
-  EXPECT_TRUE(std::signbit(expr_eval_double("-0 * 1")));
+  EXPECT_TRUE(std::signbit(eval_double("-0 * 1")));
 }
 
 TEST(ExpressionTest, ClassificationAndBlankText) {
@@ -53,26 +59,27 @@ TEST(ExpressionTest, ClassificationAndBlankText) {
   EXPECT_FALSE(expr_is_arithmetic("1.(2).3"));  // parentheses do not end a number
   EXPECT_FALSE(expr_is_arithmetic("1,5"));
   EXPECT_FALSE(expr_is_arithmetic(std::string_view("1\0", 2)));
-  ValuePtr v = expr_evaluate(" \t");
+  ::Run run;
+  ValuePtr v = expr_evaluate(run, " \t");
   ASSERT_EQ(VT_STRING, v->type);
   EXPECT_EQ(" \t", v->bytes);
 }
 
 TEST(ExpressionTest, DeepInputIsLinear) {
   const int n = 100000;
-  EXPECT_DOUBLE_EQ(2, expr_eval_double(std::string(n, '(') + "2" + std::string(n, ')')));
+  EXPECT_DOUBLE_EQ(2, eval_double(std::string(n, '(') + "2" + std::string(n, ')')));
   EXPECT_EQ(EVAL_OK, eval_status);
-  EXPECT_DOUBLE_EQ(2, expr_eval_double(std::string(n, '(') + "2"));
+  EXPECT_DOUBLE_EQ(2, eval_double(std::string(n, '(') + "2"));
   EXPECT_EQ(EVAL_UNMATCHED_PAREN, eval_status);
   std::string sum = "0", chain, thens;
   for (int i = 0; i < n; i++) sum += "+1", chain += "0?1:", thens += "1?";
-  EXPECT_DOUBLE_EQ(n, expr_eval_double(sum));
-  EXPECT_DOUBLE_EQ(7, expr_eval_double(chain + "7"));
+  EXPECT_DOUBLE_EQ(n, eval_double(sum));
+  EXPECT_DOUBLE_EQ(7, eval_double(chain + "7"));
   for (int i = 0; i < n; i++) thens += i ? ":0" : "7:0";
-  EXPECT_DOUBLE_EQ(7, expr_eval_double(thens));
+  EXPECT_DOUBLE_EQ(7, eval_double(thens));
   EXPECT_EQ(EVAL_OK, eval_status);
-  EXPECT_DOUBLE_EQ(1, expr_eval_double(std::string(n, '!') + "5"));
-  EXPECT_DOUBLE_EQ(0, expr_eval_double(std::string(n, '~') + "0"));
+  EXPECT_DOUBLE_EQ(1, eval_double(std::string(n, '!') + "5"));
+  EXPECT_DOUBLE_EQ(0, eval_double(std::string(n, '~') + "0"));
 }
 
 TEST(ExpressionTest, DecimalEvaluator) {
@@ -86,7 +93,7 @@ TEST(ExpressionTest, DecimalEvaluator) {
   EXPECT_EQ("0", dec("10/0"));
   EXPECT_EQ(EVAL_DIVISION_BY_ZERO, eval_status);
   EXPECT_EQ("12345678901234567890.5", dec("12345678901234567890+0.5"));
-  EXPECT_EQ(0, decimal_compare(expr_eval_decimal("5 / 2"), decimal_from_text("2.5")));
+  EXPECT_EQ(0, decimal_compare(eval_decimal("5 / 2"), decimal_from_text("2.5")));
 }
 
 TEST(ExpressionTest, IntegerAndTruthOfValues) {

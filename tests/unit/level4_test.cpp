@@ -15,10 +15,10 @@ namespace {
 class Level4Test : public ::testing::Test {
  protected:
   void SetUp() override {
-    engine_reset();
-    tag_table_init();
-    vartable_set(*engine.names, "q", make_variable_entry());
-    query_ = vartable_find(*engine.names, "q")->variable.get();
+    set_number_mode(&run.numbers);
+    tag_table_init(run);
+    vartable_set(*run.names, "q", make_variable_entry());
+    query_ = vartable_find(*run.names, "q")->variable.get();
     query_->type = VT_QUERY;
     query_->query = std::make_unique<QueryPayload>();
     query_->query->current_row = kNoRow;
@@ -29,7 +29,8 @@ class Level4Test : public ::testing::Test {
     add_row("Bob", 45, "Rome");
     query_->query->result = rs_;
   }
-  void TearDown() override { engine_reset(); }
+  void TearDown() override { set_number_mode(nullptr); }
+  ::Run run;
 
   void add_row(const char* name, int32_t age, const char* city) {
     std::string row, n(4, '\0');
@@ -41,10 +42,10 @@ class Level4Test : public ::testing::Test {
   }
   // The text a reference yields, or "null:" and the diagnostic it wrote.
   std::string ref(std::string_view text) {
-    engine.errors.reset();
-    Value* v = level4_resolve(text);
+    run.errors.reset();
+    Value* v = level4_resolve(run, text);
     if (v) return value_text(*v);
-    return "null:" + (engine.errors ? engine.errors->data : std::string());
+    return "null:" + (run.errors ? run.errors->data : std::string());
   }
 
   Value* query_ = nullptr;
@@ -70,7 +71,7 @@ TEST_F(Level4Test, ColumnsOfTheCurrentRow) {
   EXPECT_EQ("Rome", ref("q column=city"));
   EXPECT_EQ("null:The column name 'zip' does not exist in the query.\n", ref("q column=zip"));
   // The reference without options is the query; its text is the current row.
-  EXPECT_EQ(query_, level4_resolve("q"));
+  EXPECT_EQ(query_, level4_resolve(run, "q"));
 }
 
 TEST_F(Level4Test, ColumnPositionsFollowNameOrder) {
@@ -92,7 +93,7 @@ TEST_F(Level4Test, StatementWithoutResultColumns) {
   rs_->rows = 0;
   EXPECT_EQ("0", ref("q numrows"));
   EXPECT_EQ("0", ref("q numcolumns"));
-  EXPECT_EQ(query_, level4_resolve("q column=name"));  // passed over
+  EXPECT_EQ(query_, level4_resolve(run, "q column=name"));  // passed over
   EXPECT_EQ("null:The query returned no records, therefore the column name does not exist.  See "
             "the Corvane documentation for details.\n",
             ref("q columnnum=name"));
@@ -114,7 +115,7 @@ TEST_F(Level4Test, GrowthIsBounded) {
   EXPECT_EQ("", ref("g element=[999][999]"));
   // Substring positions may reach only so far past the end of the string.
   ref("s strstartpos=0 strendpos=1000000");
-  EXPECT_EQ(1000000u, value_text(*level4_resolve("s strstartpos=0 strendpos=1000000")).size());
+  EXPECT_EQ(1000000u, value_text(*level4_resolve(run, "s strstartpos=0 strendpos=1000000")).size());
   EXPECT_EQ("null:Corvane requires the 'strendpos' option to be either a blank string or a number.\n",
             ref("s strendpos=1000001"));
   EXPECT_EQ("null:Corvane requires the 'strstartpos' option to be either a blank string or a number.\n",
@@ -122,17 +123,17 @@ TEST_F(Level4Test, GrowthIsBounded) {
 }
 
 TEST_F(Level4Test, ResolveSkipsLeadingSpaceAndNamesTheFirstWord) {
-  EXPECT_NE(nullptr, level4_resolve(" \r\n\tTotal"));
-  EXPECT_NE(nullptr, vartable_find(*engine.names, "total"));
+  EXPECT_NE(nullptr, level4_resolve(run, " \r\n\tTotal"));
+  EXPECT_NE(nullptr, vartable_find(*run.names, "total"));
   EXPECT_EQ("null:Corvane does not permit Level 4 tags to contain illegal characters.  More than "
             "likely a tag was supposed to be used and a value was used instead.  See the Corvane "
             "documentation for details.\nParse failed at:  <=\n",
             ref("=x"));
   ParsedTag unnamed;
   unnamed.is_tag = true;
-  engine.errors.reset();
-  EXPECT_EQ(nullptr, level4_resolve_tag(unnamed));
-  EXPECT_EQ("Corvane does not allow Level 4 tags to have no name.\n", engine.errors->data);
+  run.errors.reset();
+  EXPECT_EQ(nullptr, level4_resolve_tag(run, unnamed));
+  EXPECT_EQ("Corvane does not allow Level 4 tags to have no name.\n", run.errors->data);
 }
 
 }  // namespace

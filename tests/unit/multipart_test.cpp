@@ -1,6 +1,8 @@
 // Tests for multipart/form-data parsing and the temporary copies of uploads.
 #include <dirent.h>
 #include <gtest/gtest.h>
+
+#include "runtime/run.h"
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -123,12 +125,13 @@ class Uploads : public ::testing::Test {
     ::setenv("CVML_UPLOAD_DIR", dir_.c_str(), 1);
   }
   void TearDown() override {
-    remove_uploads();
+    run_.reset();  // a run removes its copies when it ends
     for (const std::string& e : entries(dir_)) ::unlink((dir_ + "/" + e).c_str());
     ::rmdir(dir_.c_str());
     ::unsetenv("CVML_UPLOAD_DIR");
   }
   std::string dir_;
+  std::unique_ptr<::Run> run_ = std::make_unique<::Run>();
 };
 
 TEST_F(Uploads, CopiesLiveUntilTheRequestEnds) {
@@ -138,7 +141,7 @@ TEST_F(Uploads, CopiesLiveUntilTheRequestEnds) {
       "--b\r\nContent-Disposition: form-data; name=none; filename=\"\"\r\n\r\n\r\n"
       "--b--"s;
   std::vector<RequestPair> fields;
-  ValuePtr files = multipart_request(body, "multipart/form-data; boundary=b", &fields);
+  ValuePtr files = multipart_request(*run_, body, "multipart/form-data; boundary=b", &fields);
   ASSERT_EQ(1u, fields.size());
   EXPECT_EQ("t", fields[0].key);
   EXPECT_EQ("text", fields[0].value);
@@ -156,7 +159,7 @@ TEST_F(Uploads, CopiesLiveUntilTheRequestEnds) {
   ASSERT_EQ(0, ::stat(path.c_str(), &st));
   EXPECT_EQ(0600u, st.st_mode & 0777);
 
-  remove_uploads();
+  run_ = std::make_unique<::Run>();  // the old run removes its copies
   EXPECT_TRUE(entries(dir_).empty());
 }
 
@@ -164,16 +167,16 @@ TEST_F(Uploads, NothingLeftWhenStoringFailsOrTheBodyIsCut) {
   const std::string complete = "--b\r\nContent-Disposition: form-data; name=f; filename=a\r\n\r\nabc\r\n";
   std::vector<RequestPair> fields;
   // Cut inside the second file: the first is stored, the second never is.
-  ValuePtr files = multipart_request(complete + complete.substr(0, complete.size() - 4),
+  ValuePtr files = multipart_request(*run_, complete + complete.substr(0, complete.size() - 4),
                                      "multipart/form-data; boundary=b", &fields);
   ASSERT_TRUE(files);
   EXPECT_EQ(1u, files->rows.size());
   EXPECT_EQ(1u, entries(dir_).size());
-  remove_uploads();
+  run_ = std::make_unique<::Run>();  // the old run removes its copies
   EXPECT_TRUE(entries(dir_).empty());
 
   ::setenv("CVML_UPLOAD_DIR", (dir_ + "/missing").c_str(), 1);
-  files = multipart_request(complete + "--b--", "multipart/form-data; boundary=b", &fields);
+  files = multipart_request(*run_, complete + "--b--", "multipart/form-data; boundary=b", &fields);
   EXPECT_FALSE(files);
   EXPECT_TRUE(entries(dir_).empty());
 }

@@ -69,9 +69,9 @@ class PageRows : public ::testing::Test {
 
 // The query variable "q": columns Name, age, City (sorted by name: age, City,
 // Name) and two rows, standing on no row.
-void add_query_variable() {
-  vartable_set(*engine.names, "q", make_variable_entry());
-  Value* q = vartable_find(*engine.names, "q")->variable.get();
+void add_query_variable(Run& run) {
+  vartable_set(*run.names, "q", make_variable_entry());
+  Value* q = vartable_find(*run.names, "q")->variable.get();
   q->type = VT_QUERY;
   q->query = std::make_unique<QueryPayload>();
   q->query->current_row = kNoRow;
@@ -98,27 +98,24 @@ constexpr uint32_t kTagLimit = 1000;
 
 // Runs `page` as the program runs a page file, and ends the run as it does.
 Outcome run_page(const std::string& page) {
-  engine_reset();
-  EXPECT_TRUE(engine_init());
-  engine.tag_limit = kTagLimit;  // a row whose condition never turns false ends
-  engine.settings.doc_root = g_root;
-  engine.settings.page_dir = "/";
-  engine.settings.page_file = "row.cvm";
-  add_query_variable();
-  context_push();
-  PageContext* ctx = current_context();
+  ::Run run;
+  set_number_mode(&run.numbers);
+  EXPECT_TRUE(engine_init(run));
+  run.tag_limit = kTagLimit;  // a row whose condition never turns false ends
+  run.settings.doc_root = g_root;
+  run.settings.page_dir = "/";
+  run.settings.page_file = "row.cvm";
+  add_query_variable(run);
+  context_push(run);
+  PageContext* ctx = current_context(run);
   ctx->directory = "/";
   ctx->file_name = "row.cvm";
   ctx->full_path = g_root + "/row.cvm";
   ctx->debug = DEBUG_ERRORS;  // reports and diagnostics, no statistics
-  install_page(ctx, compile_page(page, 1));
-  run_pages();
-  Outcome out{engine.body ? engine.body->data : "", engine.errors ? engine.errors->data : "", engine.stop};
-  cvfile_close_all();
-  database_shutdown();
-  cvweb_close_all();
-  decimal_engine_stop();
-  engine_reset();
+  install_page(run, ctx, compile_page(page, 1));
+  run_pages(run);
+  Outcome out{run.body ? run.body->data : "", run.errors ? run.errors->data : "", run.stop};
+  set_number_mode(nullptr);
   return out;
 }
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "runtime/output.h"
-#include "program/startup.h"
+#include "runtime/request.h"
 
 using namespace std::string_literals;
 
@@ -57,7 +57,7 @@ TEST(ParsePairs, KeysAndValuesAreDecoded) {
 }
 
 TEST(ParsePairs, RepeatedKeysKeepTheirOrder) {
-  // request_variables() reverses them; the parser keeps the request's order.
+  // request_variables reverses them; the parser keeps the request's order.
   EXPECT_EQ("a=1|a=2|A=3", joined(parse_pairs("a=1&a=2&A=3")));
 }
 

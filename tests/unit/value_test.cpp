@@ -13,8 +13,8 @@ namespace {
 using namespace std::string_literals;
 
 struct DecimalModeGuard {
-  explicit DecimalModeGuard(uint8_t mode) : saved(decimal_mode) { decimal_mode = mode; }
-  ~DecimalModeGuard() { decimal_mode = saved; }
+  explicit DecimalModeGuard(uint8_t mode) : saved(number_mode().decimal) { number_mode().decimal = mode; }
+  ~DecimalModeGuard() { number_mode().decimal = saved; }
   uint8_t saved;
 };
 
@@ -114,7 +114,7 @@ TEST(ValueNumber, FloatAndDecimalModes) {
   EXPECT_EQ(3, num(make_list({"3", "4"})));
   EXPECT_EQ(9, num(make_hash({{"b", "1"}, {"a", "9"}})));
   EXPECT_EQ(42, num(ranged("x42y", 1, 3)));
-  decimal_mode = 1;
+  number_mode().decimal = 1;
   auto dec = [](ValuePtr v) {
     ValuePtr n = value_to_number(*v);
     EXPECT_EQ(VT_DECIMAL, n->type);
