@@ -70,6 +70,16 @@ struct RunState {
 };
 enum RunStateSlot : uint8_t { STATE_UPLOADS, STATE_FILES, STATE_CONNECTIONS, STATE_DATABASE, STATE_COUNT };
 
+// Bounds of one request, set by the administrator (environment variables
+// for CGI, flags for the FastCGI server); 0 means no bound.
+struct RunLimits {
+  uint64_t time_ms = 0;        // wall time of the whole run
+  uint64_t memory_bytes = 0;   // memory the run's values and buffers may hold
+  uint64_t output_bytes = 0;   // the response body
+  uint64_t page_bytes = 0;     // one page or included page file
+  uint64_t post_bytes = 0;     // the request body
+};
+
 // Everything one request changes: made when the request starts and
 // dropped when it ends, so that nothing of one request reaches the next.
 struct Run {
@@ -103,6 +113,9 @@ struct Run {
   NumberMode numbers;
   uint8_t eval_status = EVAL_OK;
   RandomState random;
+
+  RunLimits limits;
+  uint64_t start_ms = 0;  // the clock (now_ms) when the run started
 
   std::unique_ptr<RunState> states[STATE_COUNT];
 
