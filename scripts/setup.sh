@@ -23,6 +23,7 @@ libmpfr-dev
 libpcre2-dev
 unixodbc-dev
 libssl-dev
+libfcgi-dev
 "
 
 # ==== run: serving the demo site ====

@@ -1,16 +1,24 @@
-// cvml: runs one page per process, as a CGI program or from a shell.
+// cvml: runs one page per process, as a CGI program or from a shell, or
+// serves pages over FastCGI.
 //
 // From a shell, flags come before the page: --help, --version and
 // --check PAGE...; "--" ends them, so a page whose name begins with "--"
-// still runs.  Under a web server the arguments are never flags: a server
-// may pass words of the query string as arguments.
+// still runs.  The FastCGI server's flags (--listen, --workers, ...) make
+// the program a server.  Under a web server the arguments are never flags:
+// a server may pass words of the query string as arguments.  A listening
+// socket as standard input (the FastCGI convention) makes the program a
+// FastCGI server whatever the environment says; its arguments are then
+// the server's flags.
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "program/fastcgi_server.h"
+#include "program/listen_socket.h"
 #include "program/page_check.h"
+#include "program/server_options.h"
 #include "program/startup.h"
 
 #ifndef CVML_VERSION
@@ -25,6 +33,7 @@ const char kHelp[] =
     "       cvml --help           print this text\n"
     "       cvml --version        print the version\n"
     "       cvml -- PAGE          run a page whose name begins with \"--\"\n"
+    "       cvml --listen ADDRESS [FLAG...]  serve pages over FastCGI (below)\n"
     "\n"
     "Run by a web server as a CGI program, cvml runs the page the server names\n"
     "(SCRIPT_FILENAME, or PATH_TRANSLATED when SCRIPT_FILENAME names cvml itself)\n"
@@ -43,6 +52,8 @@ const char kHelp[] =
     "  DOCUMENT_ROOT    the web root; set, it makes the run a CGI request (--check\n"
     "                   looks for includes starting with / under it)\n"
     "\n"
+    "%SERVER%"
+    "\n"
     "See cvml(1).\n";
 
 // A web server sets GATEWAY_INTERFACE, and always a request method; a shell
@@ -57,14 +68,37 @@ void print(std::FILE* to, std::string_view text) {
   std::fflush(to);
 }
 
+int serve(int argc, char** argv) {
+  ServerOptions options;
+  std::string err;
+  if (!parse_server_options(std::vector<std::string>(argv + 1, argv + argc), &options, &err)) {
+    print(stderr, "cvml: " + err + " (cvml --help lists the server's flags)\n");
+    return 2;
+  }
+  return serve_fastcgi(options, argv[0], CVML_VERSION);
+}
+
 }  // namespace
 
 int main(int argc, char** argv, char** envp) {
+  if (listening_socket_on_stdin()) return serve(argc, argv);
   if (argc < 2 || run_by_server()) return cvml_main(argc, argv, envp);
   std::string_view first = argv[1];
   if (first == "--help") {
-    print(stdout, kHelp);
+    std::string help = kHelp;
+    help.replace(help.find("%SERVER%"), 8, kServerHelp);
+    print(stdout, help);
     return 0;
+  }
+  if (is_server_flag(argv[1])) {
+    ServerOptions options;
+    std::string err;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (parse_server_options(args, &options, &err) && options.listen.empty()) {
+      print(stderr, "cvml: the server needs --listen ADDRESS (or a listening socket as standard input)\n");
+      return 2;
+    }
+    return serve(argc, argv);
   }
   if (first == "--version") {
     print(stdout, "cvml " CVML_VERSION "\n");

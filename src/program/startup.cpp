@@ -22,9 +22,13 @@ const char kPlainHeader[] = "Content-Type: text/plain\n\n";
 
 // Given to every run (harnesses that must end pages that loop for ever).
 uint32_t tag_limit_for_runs = 0;
+// The bounds of every run (the FastCGI server's flags).
+RunLimits limits_for_runs;
 
 bool fail_start(Run& run, const std::string& message) {
-  write_response(run, std::string(kPlainHeader) + message);
+  // A FastCGI server is told that the request failed.
+  std::string status = run.io.status_lines ? "Status: 500 Internal Server Error\n" : "";
+  write_response(run, status + kPlainHeader + message);
   return false;
 }
 
@@ -176,6 +180,8 @@ bool engine_init(Run& run) {
 }
 
 void set_tag_limit_for_runs(uint32_t limit) { tag_limit_for_runs = limit; }
+void set_limits_for_runs(const RunLimits& limits) { limits_for_runs = limits; }
+const RunLimits& run_limits_in_force() { return limits_for_runs; }
 
 void configure_program() {
   const char* general = std::getenv("CVML_GENERAL_PATH");
@@ -187,6 +193,8 @@ void run_request(std::vector<std::string> argv, std::vector<std::string> env, co
   Run run;
   run.io = io;
   run.tag_limit = tag_limit_for_runs;
+  run.limits = limits_for_runs;
+  run.start_ms = now_ms();
   run.argv = std::move(argv);
   run.env = std::move(env);
   // The run's decimal mode and precision are the ones in force while it runs.
@@ -211,6 +219,7 @@ void run_request(std::vector<std::string> argv, std::vector<std::string> env, co
   PagePtr page = load_page(ctx->full_path);
   if (!page) {
     report_diagnostic(run, "Error opening " + ctx->full_path + " for processing.\n");
+    run.failed = true;
     page = std::make_shared<Page>();
   }
   install_page(run, ctx, std::move(page));

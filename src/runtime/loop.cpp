@@ -202,6 +202,21 @@ void dispatch(Run& run, const Page& page, uint32_t index, const ParsedTag& tag, 
     out = value_text(*result);
 }
 
+// The run's wall-time bound, looked at every 32 tags: past it, the page
+// ends with an error report at the tag about to run.
+bool past_time_limit(Run& run, const Page& page, uint32_t index) {
+  if (!run.limits.time_ms || (run.tags_processed & 31) != 0) return false;
+  if (now_ms() - run.start_ms <= run.limits.time_ms) return false;
+  ParsedTag tag;
+  tag.line = page.nodes[index].line;
+  tag.is_tag = true;
+  tag.name = page.node_name(index);
+  uint64_t ms = run.limits.time_ms;
+  std::string limit = ms % 1000 ? std::to_string(ms) + " milliseconds" : std::to_string(ms / 1000) + " seconds";
+  report_error(run, tag, "The request ran longer than its time limit of " + limit + " (--max-time).");
+  return true;
+}
+
 }  // namespace
 
 bool process_node(Run& run, const Page& page, uint32_t index, std::string& out) {
@@ -215,6 +230,7 @@ bool process_node(Run& run, const Page& page, uint32_t index, std::string& out) 
     run.stop = true;
     return true;
   }
+  if (past_time_limit(run, page, index)) return true;
   if (!general_path_only) {
     if (FastHandlerFn fast = fast_handler(node.tag)) {
       FastArgs args;

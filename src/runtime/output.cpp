@@ -27,9 +27,42 @@ void body_append(Run& run, std::string_view bytes) {
   dyn_puts(run.body.get(), bytes);
 }
 
+namespace {
+
+bool starts_with_header(std::string_view line, std::string_view name) {
+  return line.size() > name.size() && line[name.size()] == ':' && equals_nocase(line.substr(0, name.size()), name);
+}
+
+// For a FastCGI server: the header block with the status it needs first.
+// A page that failed answers 500 whatever status it set itself; a redirect
+// answers 302 unless the page set a status.
+std::string with_status(const Run& run, std::string headers) {
+  bool has_location = false, has_status = false;
+  for (size_t at = 0; at < headers.size();) {
+    size_t end = headers.find('\n', at);
+    if (end == std::string::npos) end = headers.size();
+    std::string_view line = std::string_view(headers).substr(at, end - at);
+    if (starts_with_header(line, "Location")) has_location = true;
+    if (starts_with_header(line, "Status")) {
+      has_status = true;
+      if (run.failed) {
+        headers.erase(at, end + 1 - at);
+        continue;
+      }
+    }
+    at = end + 1;
+  }
+  if (run.failed) return "Status: 500 Internal Server Error\n" + headers;
+  if (has_location && !has_status) return "Status: 302 Found\n" + headers;
+  return headers;
+}
+
+}  // namespace
+
 void send_headers(Run& run) {
   if (run.headers_sent) return;
   std::string block = run.header ? run.header->data : std::string();
+  if (run.io.status_lines) block = with_status(run, std::move(block));
   block += "Content-type: " + run.settings.content_type + "\n\n";
   write_response(run, block);
   run.headers_sent = true;

@@ -47,6 +47,7 @@ void report_internal_error(Run& run) {
 
 void report_error(Run& run, const ParsedTag& tag, std::string_view message) {
   PageContext* ctx = current_context(run);
+  run.failed = true;
   if (ctx && ctx->debug != DEBUG_OFF) {
     write_page_statistics(run);
     std::string r = "\n\nError in \"" + ctx->full_path + "\" on or near line #" + line_of(ctx) + ":\n";

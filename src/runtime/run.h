@@ -60,6 +60,9 @@ struct RequestIO {
   // Response bytes; false once the client has gone.
   bool (*write)(void* context, std::string_view bytes) = nullptr;
   void* context = nullptr;
+  // The response goes to a FastCGI server, which takes its status from a
+  // "Status:" header: a redirect and a page that failed carry one.
+  bool status_lines = false;
 };
 
 // What a handler folder keeps for the length of a run (open files,
@@ -116,6 +119,7 @@ struct Run {
 
   RunLimits limits;
   uint64_t start_ms = 0;  // the clock (now_ms) when the run started
+  bool failed = false;       // an error report ended the page
 
   std::unique_ptr<RunState> states[STATE_COUNT];
 
