@@ -306,9 +306,10 @@ bool holds_too_much(const Server& server) {
       continue;
     }
     serve_request(server, request);
+    // Back in the worker's own directory before the response is complete.
+    if (home >= 0 && ::fchdir(home) != 0) break;
     FCGX_Finish_r(&request);
     FCGX_Free(&request, 1);  // connections are not kept for another request
-    if (home >= 0 && ::fchdir(home) != 0) break;
     if (server.options.max_requests && ++served >= server.options.max_requests) break;
     if (holds_too_much(server)) {
       server_log("a worker holds more memory than its caches need after a request; it is replaced");
