@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
+#include <setjmp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -102,7 +103,7 @@ void add_record(std::string& out, unsigned char type, int id, std::string_view c
 
 // A whole 500 answer to request `id`: its body, then the end of the request.
 std::string answer_records(int id, std::string_view message) {
-  std::string response = "Status: 500 Internal Server Error\r\nContent-Type: text/plain\r\n\r\n";
+  std::string response = "Status: 500 Internal Server Error\nContent-Type: text/plain\n\n";
   response.append(message);
   response += '\n';
   std::string out;
@@ -151,6 +152,38 @@ void disarm_abandon() {
 }
 
 // ---------------------------------------------------------------------------
+// Memory
+
+// The worker's address space while a run executes, so that a run that
+// escapes its memory budget fails its allocations instead of taking the
+// machine's memory: about four times the budget above what the worker
+// holds at its start.  Only while a run executes: the library reading a
+// request allocates what the peer declares a parameter's length to be
+// (and gives up when the bytes do not come), and a refused allocation
+// there would end the worker.  (The address sanitizer reserves far more
+// address space; it gets no bound.)
+rlimit run_address_space{RLIM_INFINITY, RLIM_INFINITY};
+rlimit own_address_space{RLIM_INFINITY, RLIM_INFINITY};
+
+void measure_address_space(uint64_t budget) {
+#ifndef CVML_ADDRESS_SANITIZER
+  long pages = 0;
+  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(statm, "%ld", &pages) != 1) pages = 0;
+    std::fclose(statm);
+  }
+  uint64_t now = static_cast<uint64_t>(pages) * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  ::getrlimit(RLIMIT_AS, &own_address_space);
+  run_address_space = own_address_space;
+  uint64_t bound = now + 4 * budget + (uint64_t{256} << 20);
+  if (own_address_space.rlim_cur == RLIM_INFINITY || bound < own_address_space.rlim_cur)
+    run_address_space.rlim_cur = bound;
+#else
+  (void)budget;
+#endif
+}
+
+// ---------------------------------------------------------------------------
 // A request's streams as the run's input and output
 
 size_t read_request(void* context, char* buffer, size_t size) {
@@ -184,7 +217,7 @@ void serve_request(const Server& server, FCGX_Request& request) {
   if (!root || !*root) {
     // Without it there is no web root to find the page in, and the page
     // may not be chosen any other way.
-    FCGX_PutS("Status: 500 Internal Server Error\r\nContent-Type: text/plain\r\n\r\n"
+    FCGX_PutS("Status: 500 Internal Server Error\nContent-Type: text/plain\n\n"
               "The web server sent no DOCUMENT_ROOT with the request.\n",
               request.out);
     server_log("a request without DOCUMENT_ROOT: the web server's FastCGI parameters must include it");
@@ -201,7 +234,9 @@ void serve_request(const Server& server, FCGX_Request& request) {
   io.context = &request;
   io.status_lines = true;
   arm_abandon(server, request, uri ? uri : "-");
+  ::setrlimit(RLIMIT_AS, &run_address_space);
   run_request({server.program}, std::move(env), io);
+  ::setrlimit(RLIMIT_AS, &own_address_space);
   disarm_abandon();
 }
 
@@ -211,24 +246,20 @@ void serve_request(const Server& server, FCGX_Request& request) {
 volatile sig_atomic_t stop_requested = 0;
 void on_stop(int) { stop_requested = 1; }
 
-// Bounds the worker's address space, so that a run that escapes its
-// memory budget fails its allocations instead of taking the machine's
-// memory: about four times the budget above what the worker holds at its
-// start.  (The address sanitizer reserves far more; it gets no bound.)
-void bound_address_space(uint64_t budget) {
-#ifndef CVML_ADDRESS_SANITIZER
-  long pages = 0;
-  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(statm, "%ld", &pages) != 1) pages = 0;
-    std::fclose(statm);
+// The library reading a request allocates a parameter's bytes by the
+// lengths the peer declares, and asserts that the allocation succeeded:
+// two lengths that add up past 2 GB overflow its size and end the process.
+// While it reads a request, such an abort returns to the worker's loop,
+// which closes that connection and takes the next one.
+sigjmp_buf reading_jump;
+volatile sig_atomic_t reading_request = 0;
+void on_abort(int sig) {
+  if (reading_request) {
+    reading_request = 0;
+    siglongjmp(reading_jump, 1);
   }
-  uint64_t now = static_cast<uint64_t>(pages) * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-  rlimit limit{};
-  limit.rlim_cur = limit.rlim_max = now + 4 * budget + (uint64_t{256} << 20);
-  ::setrlimit(RLIMIT_AS, &limit);
-#else
-  (void)budget;
-#endif
+  ::signal(sig, SIG_DFL);
+  ::raise(sig);
 }
 
 // True when the worker holds much more than its caches should after a
@@ -256,6 +287,8 @@ bool holds_too_much(const Server& server) {
   sigaction(SIGINT, &sa, nullptr);
   sa.sa_handler = on_watchdog;
   sigaction(SIGALRM, &sa, nullptr);
+  sa.sa_handler = on_abort;
+  sigaction(SIGABRT, &sa, nullptr);
   ::signal(SIGHUP, SIG_IGN);
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGCHLD, SIG_DFL);
@@ -273,7 +306,7 @@ bool holds_too_much(const Server& server) {
   sigdelset(&waiting, SIGTERM);
   sigdelset(&waiting, SIGINT);
 
-  bound_address_space(server.budget);
+  measure_address_space(server.budget);
   std::set_new_handler(on_out_of_memory);
   int home = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 
@@ -294,7 +327,15 @@ bool holds_too_much(const Server& server) {
       status = kSocketGoneStatus;
       break;
     }
+    if (sigsetjmp(reading_jump, 1) != 0) {
+      FCGX_Free(&request, 1);
+      server_log("a request with parameters the FastCGI library cannot take (declared lengths past 2 GB): "
+                 "its connection is closed");
+      continue;
+    }
+    reading_request = 1;
     int rc = FCGX_Accept_r(&request);
+    reading_request = 0;
     if (rc < 0) {
       // Nothing to take (another worker took it), or a connection that was
       // not a good request: the library has closed it.  A socket that no

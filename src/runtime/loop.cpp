@@ -202,17 +202,20 @@ void dispatch(Run& run, const Page& page, uint32_t index, const ParsedTag& tag, 
     out = value_text(*result);
 }
 
-// The run's wall-time bound, looked at every 32 tags: past it, the page
-// ends with an error report at the tag about to run.
+// The run's wall-time bound, looked at every 64 tags or so: past it, the
+// page ends with an error report at the tag about to run.
 bool past_time_limit(Run& run, const Page& page, uint32_t index) {
-  if (!run.limits.time_ms || (run.tags_processed & 31) != 0) return false;
+  if (!run.limits.time_ms || run.tags_processed < run.next_time_check) return false;
+  run.next_time_check = run.tags_processed + 64;
   if (now_ms() - run.start_ms <= run.limits.time_ms) return false;
   ParsedTag tag;
   tag.line = page.nodes[index].line;
   tag.is_tag = true;
   tag.name = page.node_name(index);
   uint64_t ms = run.limits.time_ms;
-  std::string limit = ms % 1000 ? std::to_string(ms) + " milliseconds" : std::to_string(ms / 1000) + " seconds";
+  std::string limit = ms % 1000 ? std::to_string(ms) + " milliseconds"
+                    : ms == 1000  ? std::string("1 second")
+                                  : std::to_string(ms / 1000) + " seconds";
   report_error(run, tag, "The request ran longer than its time limit of " + limit + " (--max-time).");
   return true;
 }

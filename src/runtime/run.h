@@ -119,6 +119,7 @@ struct Run {
 
   RunLimits limits;
   uint64_t start_ms = 0;  // the clock (now_ms) when the run started
+  uint32_t next_time_check = 0;  // tags_processed when limits.time_ms is next looked at
   bool failed = false;       // an error report ended the page
 
   std::unique_ptr<RunState> states[STATE_COUNT];

@@ -3,7 +3,8 @@
 directly, as a web server would, and can also send records no web server
 would send.
 
-  fastcgi_client.py request ADDRESS [NAME=VALUE...] [--stdin FILE]
+  fastcgi_client.py request ADDRESS [NAME=VALUE...] [--param-file NAME FILE]
+                    [--stdin FILE]
       one request; prints the response (the FCGI_STDOUT stream) as it came
       and exits 0 when the request ended properly, 1 otherwise
   fastcgi_client.py repeat ADDRESS COUNT [NAME=VALUE...]
@@ -107,6 +108,10 @@ def parse_params(args):
         if args[i] == "--stdin":
             stdin = open(args[i + 1], "rb").read()
             i += 2
+            continue
+        if args[i] == "--param-file":
+            params.append((args[i + 1], open(args[i + 2], encoding="latin-1").read()))
+            i += 3
             continue
         name, _, value = args[i].partition("=")
         params.append((name, value))
