@@ -6,7 +6,9 @@
 #                            by a server's own user, with DIR/uploads for the
 #                            temporary copies of uploaded files
 #   server_checks BASE DIR   drives http://127.0.0.1:PORT (BASE) with curl;
-#                            sets `failed` to 1 on any failure
+#                            sets `failed` to 1 on any failure; a page that
+#                            ends in an error answers sc_error_status (200,
+#                            or 500 from the FastCGI server)
 #   wait_for_port PORT PID   polls until PORT answers (10 s), false when the
 #                            process PID ended first
 #   free_port                prints a port nobody listens on
@@ -98,7 +100,7 @@ server_checks() {
   fetch error "$base/error.cvm"
   # The page ends where the report begins; the report quotes the whole page.
   sed '/^<hr>$/,$d' "$sc_work/error.body" > "$sc_work/error_page.body"
-  if [ "$(status_of error)" = 200 ] && [ "$(cat "$sc_work/error_page.body")" = "before the mistake" ] &&
+  if [ "$(status_of error)" = "${sc_error_status:-200}" ] && [ "$(cat "$sc_work/error_page.body")" = "before the mistake" ] &&
      grep -q 'Error:  Error in &lt;CVVAR&gt;.  CVVAR requires the' "$sc_work/error.body"; then
     pass "an error report follows the page"
   else
