@@ -125,7 +125,8 @@ void arm_abandon(const Server& server, const FCGX_Request& request, const std::s
   // The connection's descriptor; the library keeps it in the request.
   abandon.fd = request.ipcFd;
   abandon.response_started = 0;
-  std::string who = log_stamp() + " cvml[" + std::to_string(::getpid()) + "]: " + uri + ": ";
+  static const std::string pid = std::to_string(::getpid());  // a worker's own, made after the fork
+  std::string who = log_stamp() + " cvml[" + pid + "]: " + uri + ": ";
   uint64_t limit = server.options.max_time_ms;
   std::string seconds = limit % 1000 ? std::to_string(limit) + " ms" : std::to_string(limit / 1000) + " s";
   abandon.time_records =
@@ -154,18 +155,12 @@ void disarm_abandon() {
 // ---------------------------------------------------------------------------
 // Memory
 
-// The worker's address space while a run executes, so that a run that
-// escapes its memory budget fails its allocations instead of taking the
-// machine's memory: about four times the budget above what the worker
-// holds at its start.  Only while a run executes: the library reading a
-// request allocates what the peer declares a parameter's length to be
-// (and gives up when the bytes do not come), and a refused allocation
-// there would end the worker.  (The address sanitizer reserves far more
-// address space; it gets no bound.)
-rlimit run_address_space{RLIM_INFINITY, RLIM_INFINITY};
-rlimit own_address_space{RLIM_INFINITY, RLIM_INFINITY};
-
-void measure_address_space(uint64_t budget) {
+// Bounds the worker's address space, so that a run that escapes its
+// memory budget fails its allocations instead of taking the machine's
+// memory: about four times the budget above what the worker holds at its
+// start.  (The address sanitizer reserves far more address space; it gets
+// no bound.)
+void bound_address_space(uint64_t budget) {
 #ifndef CVML_ADDRESS_SANITIZER
   long pages = 0;
   if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
@@ -173,11 +168,11 @@ void measure_address_space(uint64_t budget) {
     std::fclose(statm);
   }
   uint64_t now = static_cast<uint64_t>(pages) * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-  ::getrlimit(RLIMIT_AS, &own_address_space);
-  run_address_space = own_address_space;
+  rlimit limit{};
+  ::getrlimit(RLIMIT_AS, &limit);
   uint64_t bound = now + 4 * budget + (uint64_t{256} << 20);
-  if (own_address_space.rlim_cur == RLIM_INFINITY || bound < own_address_space.rlim_cur)
-    run_address_space.rlim_cur = bound;
+  if (limit.rlim_cur == RLIM_INFINITY || bound < limit.rlim_cur) limit.rlim_cur = bound;
+  ::setrlimit(RLIMIT_AS, &limit);
 #else
   (void)budget;
 #endif
@@ -234,9 +229,7 @@ void serve_request(const Server& server, FCGX_Request& request) {
   io.context = &request;
   io.status_lines = true;
   arm_abandon(server, request, uri ? uri : "-");
-  ::setrlimit(RLIMIT_AS, &run_address_space);
   run_request({server.program}, std::move(env), io);
-  ::setrlimit(RLIMIT_AS, &own_address_space);
   disarm_abandon();
 }
 
@@ -248,7 +241,8 @@ void on_stop(int) { stop_requested = 1; }
 
 // The library reading a request allocates a parameter's bytes by the
 // lengths the peer declares, and asserts that the allocation succeeded:
-// two lengths that add up past 2 GB overflow its size and end the process.
+// two lengths that add up past 2 GB overflow its size, and a length past
+// the address-space bound cannot be had; either would end the process.
 // While it reads a request, such an abort returns to the worker's loop,
 // which closes that connection and takes the next one.
 sigjmp_buf reading_jump;
@@ -306,7 +300,7 @@ bool holds_too_much(const Server& server) {
   sigdelset(&waiting, SIGTERM);
   sigdelset(&waiting, SIGINT);
 
-  measure_address_space(server.budget);
+  bound_address_space(server.budget);
   std::set_new_handler(on_out_of_memory);
   int home = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 
@@ -327,7 +321,12 @@ bool holds_too_much(const Server& server) {
       status = kSocketGoneStatus;
       break;
     }
-    if (sigsetjmp(reading_jump, 1) != 0) {
+    if (sigsetjmp(reading_jump, 0) != 0) {
+      // Back from the abort's handler, which left SIGABRT blocked.
+      sigset_t abort_signal;
+      sigemptyset(&abort_signal);
+      sigaddset(&abort_signal, SIGABRT);
+      sigprocmask(SIG_UNBLOCK, &abort_signal, nullptr);
       FCGX_Free(&request, 1);
       server_log("a request with parameters the FastCGI library cannot take (declared lengths past 2 GB): "
                  "its connection is closed");

@@ -62,9 +62,11 @@ bool starts_with_nocase(std::string_view text, std::string_view prefix) {
 // program as an action handler (or through fcgiwrap) names the program in
 // SCRIPT_FILENAME and the page in PATH_TRANSLATED.
 bool names_this_program(Run& run, const char* path) {
-  struct stat named, self;
+  struct stat named;
   if (::stat(path, &named) != 0) return false;
-  bool known = ::stat("/proc/self/exe", &self) == 0;
+  // The program's own file does not change while it runs: looked up once.
+  static struct stat self;
+  static bool known = ::stat("/proc/self/exe", &self) == 0;
   if (!known && !run.argv.empty() && run.argv[0].find('/') != std::string::npos)
     known = ::stat(run.argv[0].c_str(), &self) == 0;
   return known && named.st_dev == self.st_dev && named.st_ino == self.st_ino;

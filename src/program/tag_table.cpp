@@ -88,21 +88,32 @@ const FastRow kFastRows[] = {
     {TAG_CVWHILE, cvwhile_fast},   {TAG_CLOSE_CVWHILE, cvwhile_close_fast}, {TAG_CVVAR, cvvar_fast},
 };
 
+// The 47 rows are the same for every run: they are made once per process
+// (with the built-in and fast handlers the engine dispatches by id) and
+// each run's table starts as a copy of them.
+const VarTable& builtin_table() {
+  static const VarTablePtr table = [] {
+    VarTablePtr t = vartable_new(default_tag_start_class());
+    t->entries.reserve(std::size(kBuiltinRows));
+    for (const BuiltinRow& row : kBuiltinRows) {
+      TagHandler entry;
+      entry.kind = KIND_BUILTIN;
+      entry.tag_class = row.tag_class;
+      entry.handler = row.handler;
+      set_builtin_entry(tag_id_of(row.name), entry);
+      vartable_set(*t, row.name, std::move(entry));
+    }
+    for (const FastRow& row : kFastRows) set_fast_handler(row.tag, row.fast);
+    return t;
+  }();
+  return *table;
+}
+
 }  // namespace
 
 bool tag_table_init(Run& run) {
-  run.names = vartable_new(default_tag_start_class());
+  run.names = vartable_copy(builtin_table());
   if (!run.names) return false;
-  VarTable& table = *run.names;
-  table.entries.reserve(std::size(kBuiltinRows) + 16);
-  for (const BuiltinRow& row : kBuiltinRows) {
-    TagHandler entry;
-    entry.kind = KIND_BUILTIN;
-    entry.tag_class = row.tag_class;
-    entry.handler = row.handler;
-    set_builtin_entry(tag_id_of(row.name), entry);
-    vartable_set(table, row.name, std::move(entry));
-  }
-  for (const FastRow& row : kFastRows) set_fast_handler(row.tag, row.fast);
+  run.names->entries.reserve(std::size(kBuiltinRows) + 16);
   return true;
 }
