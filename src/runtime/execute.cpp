@@ -16,10 +16,7 @@ namespace {
 // page (the resolution makes its own copy first).
 Value* touch_variable(Run& run, const TagHandler& entry, std::string_view name) {
   Value* v = entry.variable.get();
-  if (v->type == VT_NUMBER || v->type == VT_INTEGER) {
-    v->derived.reset();
-    return v;
-  }
+  if (v->type == VT_NUMBER || v->type == VT_INTEGER) return v;
   if (v->type == VT_STRING && (v->start != 0 || v->end != v->bytes.size())) {
     if (run.names.use_count() > 1) {
       TagHandler* own = vartable_find(names_for_write(run), name);
@@ -29,7 +26,6 @@ Value* touch_variable(Run& run, const TagHandler& entry, std::string_view name) 
     v->start = 0;
     v->end = static_cast<uint32_t>(v->bytes.size());
   }
-  v->derived.reset();
   return v;
 }
 

@@ -25,6 +25,12 @@ Run::~Run() {
   contexts.clear();
 }
 
+Value* keep_property(Run& run, ValuePtr property) {
+  Value& slot = run.properties[run.next_property++ % Run::kPropertySlots];
+  slot = std::move(*property);
+  return &slot;
+}
+
 const char* run_env(const Run& run, std::string_view name) {
   for (const std::string& entry : run.env) {
     if (entry.size() > name.size() && entry[name.size()] == '=' && entry.compare(0, name.size(), name) == 0)

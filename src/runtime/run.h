@@ -117,6 +117,12 @@ struct Run {
   RunLimits limits;
   uint64_t start_ms = 0;  // the clock (now_ms) when the run started
 
+  // Properties a reference computed (a type code, a size, a row count): the
+  // value handed back stays valid until a few more have been computed.
+  static constexpr uint32_t kPropertySlots = 8;
+  Value properties[kPropertySlots];
+  uint32_t next_property = 0;
+
   std::unique_ptr<RunState> states[STATE_COUNT];
 
   Run() = default;
@@ -125,6 +131,8 @@ struct Run {
   ~Run();
 };
 
+// Keeps a computed property in the run's slots and returns it.
+Value* keep_property(Run& run, ValuePtr property);
 // A variable of the request's environment; null when it is not set.
 const char* run_env(const Run& run, std::string_view name);
 // The run's state in `slot`, made on first use.
