@@ -175,6 +175,12 @@ Value* option_variable(Run& run, const ParsedTag& tag, const TagOption& option) 
         if (Value* v = touch_variable(run, *entry, name)) return v;
       }
     }
+    // A literal reference with options ("l element=[3]") is cut once.
+    if (!source->reference_tried) {
+      source->reference_tried = true;
+      source->reference = cut_reference(option.page->text(source->value));
+    }
+    if (source->reference) return level4_resolve_cut(run, *source->reference);
   }
   return level4_resolve(run, option_text(tag, option));
 }

@@ -314,6 +314,11 @@ int level4_hash_position(const Value& hash, const Value* cell) {
   return -1;
 }
 
+Value* level4_resolve_cut(Run& run, const CutReference& cut) {
+  Reference ref{cut.tag, cut.create_name, cut.text};
+  return resolve(run, ref);
+}
+
 Value* level4_resolve(Run& run, std::string_view text) {
   size_t skip = 0;
   while (skip < text.size() && is_space(text[skip])) skip++;
