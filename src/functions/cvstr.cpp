@@ -11,7 +11,7 @@
 #include "base/digests.h"
 #include "base/encoders.h"
 #include "base/random.h"
-#include "base/regex.h"
+#include "values/regex.h"
 #include "functions/string_functions.h"
 #include "runtime/expression.h"
 #include "runtime/level4.h"

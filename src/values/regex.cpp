@@ -1,6 +1,6 @@
 // PCRE2 behind CV-STR "regex": matching with limits, group depths from the
 // pattern, and the list tree of the capture records.
-#include "base/regex.h"
+#include "values/regex.h"
 
 #include <pcre2.h>
 
