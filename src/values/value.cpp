@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/encoders.h"
+#include "base/memory_budget.h"
 
 
 namespace {
@@ -293,9 +294,12 @@ ValuePtr value_copy(const Value& v) {
   static int depth = 0;
   ValuePtr out = value_new();
   if (depth >= kMaxValueNesting) return out;
-  ++depth;
+  // Restored also when an allocation fails part way through the copy.
+  struct Nest {
+    Nest() { ++depth; }
+    ~Nest() { --depth; }
+  } nest;
   copy_payload(v, *out);
-  --depth;
   return out;
 }
 
@@ -320,6 +324,8 @@ void take_children(Value& v, std::vector<ValuePtr>& pending) {
 
 Value::~Value() {
   if (list.empty() && rows.empty() && !derived && !query) return;
+  // Freeing must not fail for want of the work list's memory.
+  MemoryReleaseScope releasing;
   std::vector<ValuePtr> pending;
   take_children(*this, pending);
   while (!pending.empty()) {
