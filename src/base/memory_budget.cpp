@@ -46,7 +46,15 @@ void* take(size_t size, size_t alignment, bool* refused) {
   } else if (::posix_memalign(&p, alignment, size) != 0) {
     p = nullptr;
   }
-  if (p && budget) count(budget, usable(p));
+  if (p && budget) {
+    int64_t bytes = usable(p);
+    if (over_limit(budget, bytes)) {
+      std::free(p);
+      *refused = true;
+      return nullptr;
+    }
+    count(budget, bytes);
+  }
   return p;
 }
 
@@ -82,6 +90,8 @@ void* gmp_reallocate(void* p, size_t, size_t size) {
   }
   void* q = std::realloc(p, size);
   if (!q) throw std::bad_alloc();
+  // A block grown in place may be larger than asked; it is counted as it
+  // is, and the next allocation sees the count.
   if (budget) count(budget, usable(q) - before);
   return q;
 }

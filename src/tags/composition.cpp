@@ -99,7 +99,7 @@ bool load_variable(Run& run, const ParsedTag& tag, const PageContext& outer, Pag
   std::string text = value_text(*value);
   if (run.limits.page_bytes && text.size() > run.limits.page_bytes) {
     context_pop(run);
-    report_error(run, tag, page_limit_message("The text of " + name, text.size(), run.limits.page_bytes));
+    report_error(run, tag, page_limit_message("The text of the variable " + name, text.size(), run.limits.page_bytes));
     return false;
   }
   inner->directory = outer.directory;
