@@ -55,6 +55,7 @@ void report_diagnostic(Run& run, std::string_view text, bool only_full) {
 }
 
 void report_internal_error(Run& run) {
+  run.failed = true;
   report_diagnostic(run, "Fatal Error:  An internal error has occurred in Corvane.\n");
 }
 
