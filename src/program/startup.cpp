@@ -238,6 +238,9 @@ void run_request(std::vector<std::string> argv, std::vector<std::string> env, co
   } catch (const std::bad_alloc&) {
     report_memory_failure(run);
   }
+  // The page's work is done: sending what it made may take a copy of the
+  // reports, and that is never refused.
+  run.memory.limit = 0;
   try {
     send_page(run);
   } catch (const std::bad_alloc&) {
