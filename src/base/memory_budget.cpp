@@ -74,20 +74,21 @@ void give_back(void* p) {
   std::free(p);
 }
 
-// GMP and MPFR allocate through these.  GMP has no failure path of its own
-// (it aborts when its allocator returns null), so a refusal is thrown
-// through its C frames to where the run began.
-void* gmp_allocate(size_t size) { return take_or_throw(size, 0); }
+// GMP and MPFR allocate through these.  Their blocks are counted but never
+// refused: an exception thrown through GMP's C frames would leave its
+// temporaries behind.  The arithmetic asks memory_budget_expect() before
+// an operation that can grow a number, and the next allocation of the
+// engine's own is refused when GMP took the count past the limit.
+void* gmp_allocate(size_t size) {
+  MemoryReleaseScope counted_only;
+  return take_or_throw(size, 0);
+}
 
 void* gmp_reallocate(void* p, size_t, size_t size) {
   if (!p) return gmp_allocate(size);
   MemoryBudget* budget = in_force;
   int64_t before = usable(p);
   if (size == 0) size = 1;
-  if (over_limit(budget, static_cast<int64_t>(size) - before)) {
-    budget->exceeded = true;
-    throw std::bad_alloc();
-  }
   void* q = std::realloc(p, size);
   if (!q) throw std::bad_alloc();
   // A block grown in place may be larger than asked; it is counted as it
@@ -112,6 +113,13 @@ MemoryReleaseScope::MemoryReleaseScope() { ++releasing; }
 MemoryReleaseScope::~MemoryReleaseScope() { --releasing; }
 
 MemoryBudget* memory_budget_in_force() { return in_force; }
+
+void memory_budget_expect(uint64_t bytes) {
+  MemoryBudget* budget = in_force;
+  if (!budget || !over_limit(budget, bytes > INT64_MAX ? INT64_MAX : static_cast<int64_t>(bytes))) return;
+  budget->exceeded = true;
+  throw std::bad_alloc();
+}
 
 // ---------------------------------------------------------------------------
 // The replaceable allocation functions

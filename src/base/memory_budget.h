@@ -3,9 +3,9 @@
 // The program's allocation functions (operator new and delete in all their
 // forms, and the functions GMP and MPFR allocate with) count every block
 // against the budget in force on the thread, by the block's usable size.
-// An allocation that would take the count past the limit is refused as an
-// exhausted system would refuse it: std::bad_alloc, caught where the run
-// began.  Counting at the allocator sees every list, string, hash, buffer
+// An allocation of the engine's own that would take the count past the
+// limit is refused as an exhausted system would refuse it: std::bad_alloc,
+// caught where the run began.  Counting at the allocator sees every list, string, hash, buffer
 // and page at once, whichever code grows them, so no growth path can be
 // missed; a bound per list could not see eight lists of a million each.
 #pragma once
@@ -42,3 +42,7 @@ struct MemoryReleaseScope {
 
 // The budget in force on this thread, or null.
 MemoryBudget* memory_budget_in_force();
+// Refuses, as an allocation past the limit is refused (std::bad_alloc),
+// work that is about to take `bytes` more: for libraries such as GMP whose
+// own allocations are counted but cannot be refused.
+void memory_budget_expect(uint64_t bytes);
