@@ -8,6 +8,7 @@
 
 struct Run;
 struct RequestIO;
+struct RunLimits;
 
 // Runs one request: the whole life of the process.  Always returns 0.
 int cvml_main(int argc, char** argv, char** envp);
@@ -20,6 +21,9 @@ void run_request(std::vector<std::string> argv, std::vector<std::string> env, co
 // For harnesses that run many pages in one process (fuzzing): every later
 // cvml_main stops its page after this many tags; 0, the default, is no limit.
 void set_tag_limit_for_runs(uint32_t limit);
+// The budget every later run gets; configure_program() sets it from the
+// CVML_MAX_* variables, a server from its flags afterwards.
+void set_limits_for_runs(const RunLimits& limits);
 
 bool cgi_setup(Run& run);
 void config_setup(Run& run, std::string_view program_path);

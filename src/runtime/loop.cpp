@@ -10,6 +10,7 @@
 
 #include <chrono>
 
+#include "runtime/budget.h"
 #include "runtime/execute.h"
 #include "runtime/general.h"
 #include "runtime/level4.h"
@@ -264,6 +265,14 @@ bool run_block_captured(Run& run, void (*capture)(Run&), std::string* captured) 
   tag_stack_push(run);
   size_t depth = ctx->tag_stack.size();
   DynStringPtr page_body = std::move(run.body);
+  // Back in place also when an allocation failure ends the run in the block.
+  struct BodyBack {
+    Run& run;
+    DynStringPtr& saved;
+    ~BodyBack() {
+      if (saved) run.body = std::move(saved);
+    }
+  } body_back{run, page_body};
   run.body = dyn_new();
   ctx->current = next_node(*ctx, self);
 
@@ -308,6 +317,7 @@ bool replace_buffer(Run& run, DynStringPtr& buffer) {
 }
 
 void after_node(Run& run) {
+  enforce_run_limits(run);
   if (run.abandon || run.body_discard || run.header_discard) {
     if (run.abandon || run.header_discard) replace_buffer(run, run.header);
     if (run.abandon || run.body_discard) replace_buffer(run, run.body);

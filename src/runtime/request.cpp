@@ -164,9 +164,10 @@ void request_variables(Run& run) {
   }
 
   if (is_post(run)) {
-    size_t length = content_length(run), limit = upload_limit();
+    size_t length = content_length(run);
+    uint64_t limit = run.limits.post_bytes;
     std::string body;
-    if (length > limit)
+    if (limit && length > limit)
       report_diagnostic(run, "Warning:  The POST body of " + std::to_string(length) + " bytes is larger than the upload "
                         "limit of " + std::to_string(limit) + " bytes (CVML_MAX_UPLOAD); it was not read.\n");
     else

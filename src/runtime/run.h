@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/dynstring.h"
+#include "base/memory_budget.h"
 #include "base/random.h"
 #include "page/page.h"
 #include "page/tag.h"
@@ -116,6 +117,11 @@ struct Run {
 
   RunLimits limits;
   uint64_t start_ms = 0;  // the clock (now_ms) when the run started
+  // What the run's values and buffers hold, counted while its pages run
+  // (runtime/budget.h); bounded by limits.memory_bytes.
+  MemoryBudget memory;
+  uint64_t output_sent = 0;  // response body bytes written so far
+  bool failed = false;       // an error report ended the page
 
   // Properties a reference computed (a type code, a size, a row count): the
   // value handed back stays valid until a few more have been computed.

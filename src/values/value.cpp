@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/encoders.h"
+#include "base/memory_budget.h"
 
 
 namespace {
@@ -88,6 +89,8 @@ void take_children(Value& v, std::vector<ValuePtr>& pending) {
 // Releases everything `v` holds, nested values included, without recursion.
 void release(Value& v) {
   if (holds_children(v)) {
+    // Freeing must not fail for want of the work list's memory.
+    MemoryReleaseScope releasing;
     std::vector<ValuePtr> pending;
     take_children(v, pending);
     while (!pending.empty()) {
@@ -376,9 +379,12 @@ ValuePtr value_copy(const Value& v) {
   static int depth = 0;
   ValuePtr out = value_new();
   if (depth >= kMaxValueNesting) return out;
-  ++depth;
+  // Restored also when an allocation fails part way through the copy.
+  struct Nest {
+    Nest() { ++depth; }
+    ~Nest() { --depth; }
+  } nest;
   copy_payload(v, *out);
-  --depth;
   return out;
 }
 
