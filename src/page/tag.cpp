@@ -92,15 +92,14 @@ namespace {
 
 bool is_reference_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// True when "<text>" cuts into one tag named `text` without options.
-bool is_bare_name(std::string_view text) {
+}  // namespace
+
+bool is_bare_reference(std::string_view text) {
   if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0]))) return false;
   for (char c : text)
     if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
   return true;
 }
-
-}  // namespace
 
 std::unique_ptr<CutReference> cut_reference(std::string_view text) {
   size_t skip = 0;
@@ -108,7 +107,7 @@ std::unique_ptr<CutReference> cut_reference(std::string_view text) {
   text.remove_prefix(skip);
   auto cut = std::make_unique<CutReference>();
   cut->text.assign(text);
-  if (is_bare_name(text)) {
+  if (is_bare_reference(text)) {
     cut->tag.is_tag = true;
     cut->tag.name.assign(text);
     cut->create_name.assign(text);

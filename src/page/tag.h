@@ -92,3 +92,6 @@ struct CutReference {
 };
 // Null when the text does not begin with a tag.
 std::unique_ptr<CutReference> cut_reference(std::string_view text);
+// True when "<text>" cuts into one tag named `text` without options: a
+// tag-start byte first, and no byte that ends a name.
+bool is_bare_reference(std::string_view text);

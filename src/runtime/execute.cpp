@@ -141,11 +141,8 @@ bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; 
 // A name that the Level 4 resolution reads as a tag of that name with no
 // options, and that may name a variable.
 bool is_bare_variable_name(std::string_view text) {
-  if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0])) || text[0] == '/') return false;
-  if (text.size() >= 2 && (text[0] == 'C' || text[0] == 'c') && (text[1] == 'V' || text[1] == 'v')) return false;
-  for (char c : text)
-    if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
-  return true;
+  if (!is_bare_reference(text) || text[0] == '/') return false;
+  return !(text.size() >= 2 && (text[0] == 'C' || text[0] == 'c') && (text[1] == 'V' || text[1] == 'v'));
 }
 
 std::string_view trimmed_front(std::string_view text) {

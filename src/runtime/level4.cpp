@@ -289,15 +289,6 @@ bool recuts_identically(const ParsedTag& tag) {
   return true;
 }
 
-// True when the tokenizer would read "<text>" as one tag named `text`
-// without options: a tag-start byte first, and no byte that ends a name.
-bool is_bare_name(std::string_view text) {
-  if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0]))) return false;
-  for (char c : text)
-    if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
-  return true;
-}
-
 }  // namespace
 
 Value* level4_fail(Run& run, std::string_view message) {
@@ -323,7 +314,7 @@ Value* level4_resolve(Run& run, std::string_view text) {
   size_t skip = 0;
   while (skip < text.size() && is_space(text[skip])) skip++;
   text.remove_prefix(skip);
-  if (is_bare_name(text)) {
+  if (is_bare_reference(text)) {
     // "<name>" would cut into a tag with this name and no options; build
     // that tag directly instead of printing and tokenizing it.
     ParsedTag tag;
