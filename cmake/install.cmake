@@ -14,7 +14,12 @@ install(FILES ${CMAKE_SOURCE_DIR}/docs/cvml.1 DESTINATION ${CMAKE_INSTALL_MANDIR
 install(FILES ${CMAKE_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}
         FILES_MATCHING PATTERN "*.md")
-install(FILES ${CMAKE_SOURCE_DIR}/packaging/lighttpd/10-cvml.conf
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/lighttpd/10-cvml.conf ${CMAKE_SOURCE_DIR}/packaging/lighttpd/10-cvml-fastcgi.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/cvml/lighttpd)
-install(FILES ${CMAKE_SOURCE_DIR}/packaging/apache2/cvml.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/cvml/apache2)
-install(FILES ${CMAKE_SOURCE_DIR}/packaging/nginx/cvml.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/cvml/nginx)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/apache2/cvml.conf ${CMAKE_SOURCE_DIR}/packaging/apache2/cvml-fastcgi.conf
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/cvml/apache2)
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/nginx/cvml.conf ${CMAKE_SOURCE_DIR}/packaging/nginx/cvml-fastcgi.conf
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/cvml/nginx)
+# The FastCGI server's unit is an example to copy: the package does not
+# start a server of its own.
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/cvml.service DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

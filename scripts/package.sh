@@ -27,6 +27,9 @@ move() { mkdir -p "$(dirname "$pkg/$2")"; mv "$pkg/usr/share/cvml/$1" "$pkg/$2";
 move lighttpd/10-cvml.conf etc/lighttpd/conf-available/10-cvml.conf
 move apache2/cvml.conf etc/apache2/conf-available/cvml.conf
 move nginx/cvml.conf etc/nginx/snippets/cvml.conf
+move lighttpd/10-cvml-fastcgi.conf etc/lighttpd/conf-available/10-cvml-fastcgi.conf
+move apache2/cvml-fastcgi.conf etc/apache2/conf-available/cvml-fastcgi.conf
+move nginx/cvml-fastcgi.conf etc/nginx/snippets/cvml-fastcgi.conf
 rm -rf "$pkg/usr/share/cvml"
 
 doc=$pkg/usr/share/doc/cvml

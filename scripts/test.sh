@@ -101,7 +101,12 @@ run_fuzzer() {
   for corpus in "tests/fuzz/corpus/$name" "tests/fuzz/corpus/$short"; do
     [ -d "$corpus" ] && cp -R "$corpus/." "$work/corpus/"
   done
-  args=(-max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048
+  # Whole requests and pages run under the engine's memory budget (128 MiB
+  # by default), so they must stay far below 512 MB; the other targets keep
+  # libFuzzer's usual bound.
+  local rss=2048
+  case $short in request|page|tokenizer) rss=512 ;; esac
+  args=(-max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb="$rss"
         -artifact_prefix="$work/" -print_final_stats=1)
   for dict in "tests/fuzz/$name.dict" "tests/fuzz/$short.dict"; do
     if [ -f "$dict" ]; then args+=(-dict="$dict"); break; fi

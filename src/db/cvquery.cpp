@@ -212,7 +212,7 @@ ValuePtr cvquery_handler(Run& run, const ParsedTag& tag) {
   write_sql_statistics(run, *query);
 
   ValuePtr result = value_new();
-  result->type = VT_QUERY;
+  value_set_type(*result, VT_QUERY);
   result->query = std::make_unique<QueryPayload>();
   result->query->result = query->result;
   result->query->current_row = kNoRow;

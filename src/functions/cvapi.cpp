@@ -158,7 +158,7 @@ ValuePtr run_dirinfo(Run& run, const ParsedTag& tag) {
   std::string own = path;
   while (own.size() > 1 && own.back() == '/') own.pop_back();
   ValuePtr table = value_new();
-  table->type = VT_ARRAY;
+  value_set_type(*table, VT_ARRAY);
   table->columns = 6;
   table->rows.push_back(entry_row(own.substr(own.rfind('/') + 1), info));
 

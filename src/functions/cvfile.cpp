@@ -7,7 +7,11 @@
 #include <memory>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "runtime/run.h"
 #include "runtime/output.h"
@@ -100,6 +104,25 @@ int64_t file_size(std::FILE* f) {
   return size < 0 ? 0 : size;
 }
 
+// Opens `path` for reading and writing, creating it when it does not exist
+// (never truncating one that does); null unless it is a regular file.  A
+// device, FIFO or socket, named directly or through a link, is refused
+// before anything is read from it: /dev/zero would be read for ever, and
+// opening a FIFO would wait for a writer.
+FilePtr open_regular_file(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0 && errno != ENXIO) fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || ::fcntl(fd, F_SETFL, 0) != 0) {
+    ::close(fd);
+    return nullptr;
+  }
+  FilePtr f(::fdopen(fd, "r+b"));
+  if (!f) ::close(fd);
+  return f;
+}
+
 // ---------------------------------------------------------------------------
 // With a file name
 
@@ -108,15 +131,7 @@ ValuePtr open_file(Run& run, const ParsedTag& tag, const std::string& path) {
   if (!var) return value_new();
   std::vector<OpenFile>& table = open_files(run);
   table.push_back(OpenFile{path, nullptr});
-  FilePtr f(std::fopen(path.c_str(), "r+b"));
-  if (!f) {
-    // Only a file that does not exist yet is created: "x" never truncates.
-    FilePtr created(std::fopen(path.c_str(), "wbx"));
-    if (created) {
-      created.reset();
-      f.reset(std::fopen(path.c_str(), "r+b"));
-    }
-  }
+  FilePtr f = open_regular_file(path);
   if (!f) {
     table.back().path.clear();
     return report_failure(run, tag, kOpenFailed);
@@ -173,6 +188,10 @@ ValuePtr read_file(Run& run, const ParsedTag& tag, std::FILE* f, const std::stri
   std::string bytes;
   bool got = false;
   if (keyword_is(how, "all")) {
+    // The bytes left, asked for at once: a doubling string would hold half
+    // as much again while it grows.  Memory is the run's budget.
+    int64_t left = file_size(f) - ftello(f);
+    if (left > 0) bytes.reserve(static_cast<size_t>(left));
     char buffer[8192];
     for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) bytes.append(buffer, n);
     got = !bytes.empty();

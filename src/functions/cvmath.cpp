@@ -319,7 +319,7 @@ ValuePtr coordinates(Run& run, const ParsedTag& tag, uint8_t code) {
                     : decimal_rect_to_polar(a->decimal, b->decimal, &first, &second);
   if (!ok) return report_failure(run, tag, kRangeError);
   ValuePtr list = value_new();
-  list->type = VT_LIST;
+  value_set_type(*list, VT_LIST);
   list->list.push_back(value_from_decimal(std::move(first)));
   list->list.push_back(value_from_decimal(std::move(second)));
   // The evaluations may have run tags that changed the variables, so the

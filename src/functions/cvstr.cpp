@@ -11,7 +11,7 @@
 #include "base/digests.h"
 #include "base/encoders.h"
 #include "base/random.h"
-#include "base/regex.h"
+#include "values/regex.h"
 #include "functions/string_functions.h"
 #include "runtime/expression.h"
 #include "runtime/level4.h"
@@ -107,7 +107,7 @@ void store_text(Value* v, std::string text) { store(v, *value_from_string(std::m
 
 ValuePtr list_of(std::vector<ValuePtr> elements) {
   ValuePtr list = value_new();
-  list->type = VT_LIST;
+  value_set_type(*list, VT_LIST);
   list->list = std::move(elements);
   return list;
 }
@@ -203,7 +203,7 @@ ValuePtr run_parsepage(Run& run, const ParsedTag& tag, Value* v) {
     } else {
       item.push_back(value_from_string(node->name));
       ValuePtr options = value_new();
-      options->type = VT_ARRAY;
+      value_set_type(*options, VT_ARRAY);
       options->columns = 2;
       for (const TagOption& option : node->options) {
         ValueRow row;

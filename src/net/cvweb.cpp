@@ -140,7 +140,7 @@ std::string form_body(const Value& v) {
 // [status line, headers as rows of [name, value], body]
 ValuePtr http_result(const HttpState& state) {
   ValuePtr headers = value_new();
-  headers->type = VT_ARRAY;
+  value_set_type(*headers, VT_ARRAY);
   headers->columns = 2;
   std::string_view text = state.headers;
   while (!text.empty()) {
@@ -160,7 +160,7 @@ ValuePtr http_result(const HttpState& state) {
     headers->rows.push_back(std::move(row));
   }
   ValuePtr result = value_new();
-  result->type = VT_LIST;
+  value_set_type(*result, VT_LIST);
   result->list.push_back(value_from_string(state.status_line));
   result->list.push_back(std::move(headers));
   result->list.push_back(value_from_string(state.body));
@@ -376,7 +376,7 @@ void pop3_operation(Run& run, const ParsedTag& tag, NetConn& conn, const std::st
       return;
     }
     ValuePtr message = value_new();
-    message->type = VT_LIST;
+    value_set_type(*message, VT_LIST);
     for (const std::string* part : {&state->sender, &state->subject, &state->header, &state->body})
       message->list.push_back(value_from_string(*part));
     store(run, tag, *var, std::move(message));

@@ -4,9 +4,9 @@
 
 #include <sys/socket.h>
 
-#include "base/regex.h"
+#include "values/regex.h"
 #include "base/nocase.h"
-#include "base/regex.h"
+#include "values/regex.h"
 #include "net/net_limits.h"
 #include "base/nocase.h"
 

@@ -11,6 +11,8 @@
 #include <deque>
 #include <memory>
 
+#include "base/memory_budget.h"
+
 // Sessions the server offered on a resumable context, oldest first; the
 // connection that made the context owns it.
 struct SessionPool {
@@ -64,6 +66,8 @@ void note_timeout(NetConn& conn) {
 int remember_session(SSL* ssl, SSL_SESSION* session) {
   auto* pool = static_cast<SessionPool*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
   if (!pool) return 0;
+  // Called from inside OpenSSL, which an exception must not cross.
+  MemoryReleaseScope must_not_fail;
   pool->sessions.push_back(session);
   if (pool->sessions.size() > 8) {
     SSL_SESSION_free(pool->sessions.front());

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "page/tag.h"
 #include "values/arithmetic.h"
 
 constexpr uint32_t kNoNode = UINT32_MAX;
@@ -46,6 +47,7 @@ struct Span {
 };
 
 struct Page;
+struct CutReference;
 
 // Where the name of a node was last found in a name table: the table's
 // version (unique across all tables of the process) and the entry.
@@ -79,6 +81,9 @@ struct PageOption {
   // it does (0 not known, 1 no, 2 yes) and where the name was last found.
   mutable uint8_t bare_name = 0;
   mutable NameLookup variable;
+  // The literal value cut as a variable reference, made on first use.
+  mutable std::unique_ptr<CutReference> reference;
+  mutable bool reference_tried = false;
 };
 
 struct PageNode {

@@ -87,3 +87,35 @@ void node_as_tag(const Page& page, uint32_t node, ParsedTag& out) {
     o.value.assign(page.text(option.value));
   }
 }
+
+namespace {
+
+bool is_reference_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+}  // namespace
+
+bool is_bare_reference(std::string_view text) {
+  if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0]))) return false;
+  for (char c : text)
+    if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
+  return true;
+}
+
+std::unique_ptr<CutReference> cut_reference(std::string_view text) {
+  size_t skip = 0;
+  while (skip < text.size() && is_reference_space(text[skip])) skip++;
+  text.remove_prefix(skip);
+  auto cut = std::make_unique<CutReference>();
+  cut->text.assign(text);
+  if (is_bare_reference(text)) {
+    cut->tag.is_tag = true;
+    cut->tag.name.assign(text);
+    cut->create_name.assign(text);
+    return cut;
+  }
+  Page page = tokenize_page("<" + std::string(text) + ">", 1);
+  if (page.size() == 0 || !page.nodes[0].is_tag) return nullptr;
+  node_as_tag(page, 0, cut->tag);
+  cut->create_name.assign(text.substr(0, text.find_first_of(std::string_view(" \r\n\t"))));
+  return cut;
+}

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <memory>
 #include <vector>
 
 #include "page/option_names.h"
@@ -81,3 +82,16 @@ void print_tag(const ParsedTag& tag, const std::string* name, std::string& out);
 
 // A page node as a tag with its options as written (unprocessed).
 void node_as_tag(const Page& page, uint32_t node, ParsedTag& out);
+
+// A variable reference's text ("name element=[2]") cut into its tag once, for
+// a text resolved again and again (a literal "var" option).
+struct CutReference {
+  ParsedTag tag;
+  std::string create_name;  // the name a new variable gets: the first word
+  std::string text;         // the text with leading white space skipped
+};
+// Null when the text does not begin with a tag.
+std::unique_ptr<CutReference> cut_reference(std::string_view text);
+// True when "<text>" cuts into one tag named `text` without options: a
+// tag-start byte first, and no byte that ends a name.
+bool is_bare_reference(std::string_view text);

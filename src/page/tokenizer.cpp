@@ -199,12 +199,6 @@ void read_quoted_value(Scanner& s, std::string& out) {
   }
 }
 
-void read_unquoted_value(Scanner& s, std::string& out) {
-  size_t start = s.pos;
-  while (!s.at_end() && !ends_unquoted_value(s.peek())) ++s.pos;
-  out.assign(s.src.substr(start, s.pos - start));
-}
-
 // Builds a page while the source is scanned.  Rewritten option texts go to
 // `extra`, which is appended to the page's bytes at the end, after the
 // source itself: the scanner reads the bytes that spans point into.

@@ -9,9 +9,12 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
+#include "runtime/budget.h"
 #include "runtime/output.h"
 #include "runtime/report.h"
+#include "runtime/report_log.h"
 #include "runtime/request.h"
 #include "runtime/run.h"
 #include "values/decimal.h"
@@ -22,8 +25,8 @@ const char kPlainHeader[] = "Content-Type: text/plain\n\n";
 
 // Given to every run (harnesses that must end pages that loop for ever).
 uint32_t tag_limit_for_runs = 0;
-// The bounds of every run (the FastCGI server's flags).
-RunLimits limits_for_runs;
+// The budget of every run: CVML_MAX_* for CGI, the server's flags for FastCGI.
+RunLimits limits_for_runs = limits_from_environment();
 
 bool fail_start(Run& run, const std::string& message) {
   // A FastCGI server is told that the request failed.
@@ -189,6 +192,8 @@ void configure_program() {
   const char* general = std::getenv("CVML_GENERAL_PATH");
   general_path_only = general && std::string_view(general) == "1";
   arithmetic_shortcuts = !general_path_only;
+  limits_for_runs = limits_from_environment();
+  set_report_mode(report_mode_from_environment());
 }
 
 void run_request(std::vector<std::string> argv, std::vector<std::string> env, const RequestIO& io) {
@@ -204,30 +209,49 @@ void run_request(std::vector<std::string> argv, std::vector<std::string> env, co
     explicit NumbersInForce(NumberMode* mode) { set_number_mode(mode); }
     ~NumbersInForce() { set_number_mode(nullptr); }
   } numbers_in_force(&run.numbers);
+  // What the run allocates counts against its memory budget until here
+  // again; an allocation past it, or one the system refuses, ends the run's
+  // work with std::bad_alloc, and the page so far is still sent.
+  RunMemoryScope memory_in_force(run);
+  try {
+    if (!cgi_setup(run)) return;
+    config_setup(run, run.argv.empty() ? "" : run.argv[0]);
+    if (!engine_init(run)) {
+      fail_start(run, "Error:  Error initializing Corvane...aborting.\n");
+      return;
+    }
 
-  if (!cgi_setup(run)) return;
-  config_setup(run, run.argv.empty() ? "" : run.argv[0]);
-  if (!engine_init(run)) {
-    fail_start(run, "Error:  Error initializing Corvane...aborting.\n");
-    return;
+    const Settings& s = run.settings;
+    context_push(run);
+    PageContext* ctx = current_context(run);
+    ctx->directory = s.page_dir;
+    ctx->file_name = s.page_file;
+    ctx->full_path = s.doc_root + s.page_dir + s.page_file;
+    PagePtr page;
+    if (uint64_t size = page_file_too_large(run, ctx->full_path)) {
+      std::string what = "The page " + ctx->full_path;
+      report_diagnostic(run, "Error:  " + page_limit_message(what, size, run.limits.page_bytes) + "\n");
+    } else if (!(page = load_page(ctx->full_path))) {
+      report_diagnostic(run, "Error opening " + ctx->full_path + " for processing.\n");
+    }
+    if (!page) {
+      run.failed = true;
+      page = std::make_shared<Page>();
+    }
+    install_page(run, ctx, std::move(page));
+
+    run_pages(run);
+  } catch (const std::bad_alloc&) {
+    report_memory_failure(run);
   }
-
-  const Settings& s = run.settings;
-  context_push(run);
-  PageContext* ctx = current_context(run);
-  ctx->directory = s.page_dir;
-  ctx->file_name = s.page_file;
-  ctx->full_path = s.doc_root + s.page_dir + s.page_file;
-  PagePtr page = load_page(ctx->full_path);
-  if (!page) {
-    report_diagnostic(run, "Error opening " + ctx->full_path + " for processing.\n");
-    run.failed = true;
-    page = std::make_shared<Page>();
+  // The page's work is done: sending what it made may take a copy of the
+  // reports, and that is never refused.
+  run.memory.limit = 0;
+  try {
+    send_page(run);
+  } catch (const std::bad_alloc&) {
+    // The system has no memory left even for the response.
   }
-  install_page(run, ctx, std::move(page));
-
-  run_pages(run);
-  send_page(run);
   // Open files, connections, database connections and uploaded copies are
   // let go with the run.
 }

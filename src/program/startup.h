@@ -21,9 +21,10 @@ void run_request(std::vector<std::string> argv, std::vector<std::string> env, co
 // For harnesses that run many pages in one process (fuzzing): every later
 // cvml_main stops its page after this many tags; 0, the default, is no limit.
 void set_tag_limit_for_runs(uint32_t limit);
-// The bounds every later run gets (a server sets them from its flags), and
-// the ones in force now.
+// The budget every later run gets; configure_program() sets it from the
+// CVML_MAX_* variables, a server from its flags afterwards.
 void set_limits_for_runs(const RunLimits& limits);
+// The bounds in force now.
 const RunLimits& run_limits_in_force();
 
 bool cgi_setup(Run& run);

@@ -16,10 +16,7 @@ namespace {
 // page (the resolution makes its own copy first).
 Value* touch_variable(Run& run, const TagHandler& entry, std::string_view name) {
   Value* v = entry.variable.get();
-  if (v->type == VT_NUMBER || v->type == VT_INTEGER) {
-    v->derived.reset();
-    return v;
-  }
+  if (v->type == VT_NUMBER || v->type == VT_INTEGER) return v;
   if (v->type == VT_STRING && (v->start != 0 || v->end != v->bytes.size())) {
     if (run.names.use_count() > 1) {
       TagHandler* own = vartable_find(names_for_write(run), name);
@@ -29,7 +26,6 @@ Value* touch_variable(Run& run, const TagHandler& entry, std::string_view name) 
     v->start = 0;
     v->end = static_cast<uint32_t>(v->bytes.size());
   }
-  v->derived.reset();
   return v;
 }
 
@@ -145,11 +141,8 @@ bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; 
 // A name that the Level 4 resolution reads as a tag of that name with no
 // options, and that may name a variable.
 bool is_bare_variable_name(std::string_view text) {
-  if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0])) || text[0] == '/') return false;
-  if (text.size() >= 2 && (text[0] == 'C' || text[0] == 'c') && (text[1] == 'V' || text[1] == 'v')) return false;
-  for (char c : text)
-    if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
-  return true;
+  if (!is_bare_reference(text) || text[0] == '/') return false;
+  return !(text.size() >= 2 && (text[0] == 'C' || text[0] == 'c') && (text[1] == 'V' || text[1] == 'v'));
 }
 
 std::string_view trimmed_front(std::string_view text) {
@@ -179,6 +172,12 @@ Value* option_variable(Run& run, const ParsedTag& tag, const TagOption& option) 
         if (Value* v = touch_variable(run, *entry, name)) return v;
       }
     }
+    // A literal reference with options ("l element=[3]") is cut once.
+    if (!source->reference_tried) {
+      source->reference_tried = true;
+      source->reference = cut_reference(option.page->text(source->value));
+    }
+    if (source->reference) return level4_resolve_cut(run, *source->reference);
   }
   return level4_resolve(run, option_text(tag, option));
 }

@@ -55,6 +55,7 @@ FastHandlerFn fast_handler(uint8_t tag);
 bool fast_options(Run& run, const Page& page, uint32_t node, FastArgs& args);
 // The index of the first option with that name, or -1.
 inline int fast_option(const FastArgs& args, OptionKey name) {
+  if (args.count == 0) return -1;
   const PageOption* options = &args.page->options[args.page->nodes[args.node].first_option()];
   if (name.atom) {
     for (uint32_t k = 0; k < args.count; k++)

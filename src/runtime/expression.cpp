@@ -16,7 +16,6 @@
 namespace {
 
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 // The line filed for a status, with the text as the page wrote it.
 void report_status(Run& run, std::string_view text) {

@@ -77,6 +77,15 @@ std::string run_text(Run& run, const Page& text, PagePtr owner) {
   // Tags that write to the body themselves (CVBINARY ...) write into this
   // text's output while it is processed.
   DynStringPtr saved_body = std::move(run.body);
+  // The page's body comes back even when an allocation failure ends the run
+  // from inside this text, so that the output so far is sent.
+  struct BodyBack {
+    Run& run;
+    DynStringPtr& saved;
+    ~BodyBack() {
+      if (saved) run.body = std::move(saved);
+    }
+  } body_back{run, saved_body};
   run.body = new_text_body();
 
   std::string out;

@@ -130,16 +130,13 @@ Value* select_elements(Run& run, Reference& ref, Value* sel, const std::vector<u
   for (size_t k = 0; k < indices.size(); k++) {
     uint32_t index = indices[k];
     if (sel->type == VT_ARRAY || sel->type == VT_HASH) {
-      sel->type = VT_ARRAY;
+      sel->type = VT_ARRAY;  // a hash is read as the array of its rows
       if (k + 1 == indices.size()) return level4_fail(run, kTwoDimensions);
       sel = array_cell(run, ref, sel, index, indices[++k]);
       if (!sel) return nullptr;
       continue;
     }
-    if (sel->type != VT_LIST) {
-      value_clear(*sel);
-      sel->type = VT_LIST;
-    }
+    if (sel->type != VT_LIST) value_set_type(*sel, VT_LIST);
     grow_list(sel, index);
     ValuePtr& element = sel->list[index];
     if (!element) element = value_new();
@@ -179,10 +176,6 @@ bool range_position(Run& run, const Value* sel, const std::string& text, std::st
   return true;
 }
 
-Value* set_derived(Value* sel, ValuePtr property) {
-  sel->derived = std::move(property);
-  return sel->derived.get();
-}
 
 Value* select_range(Run& run, Value* sel, const ParsedTag& tag) {
   if (const std::string* start = tag_option(tag, "strstartpos")) {
@@ -206,11 +199,11 @@ Value* select_range(Run& run, Value* sel, const ParsedTag& tag) {
 Value* select_collection_property(Run& run, Value* sel, const ParsedTag& tag) {
   if (tag_option(tag, "getsizex")) {
     size_t x = sel->type == VT_LIST ? sel->list.size() : sel->type == VT_HASH ? 2 : sel->columns;
-    return set_derived(sel, value_from_integer(static_cast<int32_t>(x)));
+    return keep_property(run, value_from_integer(static_cast<int32_t>(x)));
   }
   if (tag_option(tag, "getsizey")) {
     size_t y = sel->type == VT_LIST ? 1 : sel->rows.size();
-    return set_derived(sel, value_from_integer(static_cast<int32_t>(y)));
+    return keep_property(run, value_from_integer(static_cast<int32_t>(y)));
   }
   // The key comes from the option's own value, so the reference still
   // addresses the whole hash.
@@ -219,7 +212,7 @@ Value* select_collection_property(Run& run, Value* sel, const ParsedTag& tag) {
     int mode = hashcase_mode(tag);
     if (mode < 0) return level4_fail(run, kBadHashcase);
     int position = level4_hash_position(*sel, find_key(sel, *key, mode));
-    return set_derived(sel, value_from_integer(position));
+    return keep_property(run, value_from_integer(position));
   }
   return sel;
 }
@@ -262,12 +255,11 @@ Value* resolve(Run& run, Reference& ref) {
   }
 
   if (!select_range(run, sel, tag)) return nullptr;
-  sel->derived.reset();
 
-  if (tag_option(tag, "type")) return set_derived(sel, value_from_integer(sel->type));
+  if (tag_option(tag, "type")) return keep_property(run, value_from_integer(sel->type));
   if (sel->type == VT_STRING) {
     if (tag_option(tag, "getsize"))
-      return set_derived(sel, value_from_integer(static_cast<int32_t>(sel->bytes.size())));
+      return keep_property(run, value_from_integer(static_cast<int32_t>(sel->bytes.size())));
     return sel;
   }
   if (sel->type == VT_QUERY) return level4_query_select(run, *sel, tag);
@@ -297,15 +289,6 @@ bool recuts_identically(const ParsedTag& tag) {
   return true;
 }
 
-// True when the tokenizer would read "<text>" as one tag named `text`
-// without options: a tag-start byte first, and no byte that ends a name.
-bool is_bare_name(std::string_view text) {
-  if (text.empty() || !is_tag_start(static_cast<unsigned char>(text[0]))) return false;
-  for (char c : text)
-    if (c == '<' || c == ' ' || c == '>' || c == '\r' || c == '\n' || c == '\t' || c == '\0') return false;
-  return true;
-}
-
 }  // namespace
 
 Value* level4_fail(Run& run, std::string_view message) {
@@ -322,11 +305,16 @@ int level4_hash_position(const Value& hash, const Value* cell) {
   return -1;
 }
 
+Value* level4_resolve_cut(Run& run, const CutReference& cut) {
+  Reference ref{cut.tag, cut.create_name, cut.text};
+  return resolve(run, ref);
+}
+
 Value* level4_resolve(Run& run, std::string_view text) {
   size_t skip = 0;
   while (skip < text.size() && is_space(text[skip])) skip++;
   text.remove_prefix(skip);
-  if (is_bare_name(text)) {
+  if (is_bare_reference(text)) {
     // "<name>" would cut into a tag with this name and no options; build
     // that tag directly instead of printing and tokenizing it.
     ParsedTag tag;

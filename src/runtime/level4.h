@@ -15,6 +15,8 @@ struct Run;
 Value* level4_resolve(Run& run, std::string_view text);
 // The same for a tag already cut, when its printed form would be cut back
 // into the same tag.
+// The same for a reference text cut before (cut_reference).
+Value* level4_resolve_cut(Run& run, const CutReference& cut);
 Value* level4_resolve_tag(Run& run, const ParsedTag& tag);
 // Handler of every variable entry: a copy of the selected value.
 ValuePtr level4_handler(Run& run, const ParsedTag& tag);

@@ -4,6 +4,7 @@
 
 #include "values/result_set.h"
 #include "runtime/level4_query.h"
+#include "runtime/run.h"
 
 namespace {
 
@@ -22,10 +23,6 @@ Value* unknown_column(Run& run, std::string_view name) {
   return level4_fail(run, "The column name '" + std::string(name) + "' does not exist in the query.\n");
 }
 
-Value* set_derived(Value& v, ValuePtr property) {
-  v.derived = std::move(property);
-  return v.derived.get();
-}
 
 }  // namespace
 
@@ -47,10 +44,10 @@ Value* level4_query_select(Run& run, Value& query, const ParsedTag& tag) {
     Value* cell = row ? hash_find(row, *name) : nullptr;
     return cell ? cell : unknown_column(run, *name);
   }
-  if (tag_option(tag, "numcolumns")) return set_derived(query, value_from_integer(static_cast<int32_t>(columns)));
-  if (tag_option(tag, "numrows")) return set_derived(query, value_from_integer(static_cast<int32_t>(rows)));
+  if (tag_option(tag, "numcolumns")) return keep_property(run, value_from_integer(static_cast<int32_t>(columns)));
+  if (tag_option(tag, "numrows")) return keep_property(run, value_from_integer(static_cast<int32_t>(rows)));
   if (tag_option(tag, "currentrow"))
-    return set_derived(query, value_from_integer(static_cast<int32_t>(payload->current_row)));
+    return keep_property(run, value_from_integer(static_cast<int32_t>(payload->current_row)));
   if (const std::string* number = tag_option(tag, "columnnamefromnum")) {
     int64_t n;
     if (!level4_option_integer(run, *number, &n)) return level4_fail(run, kBadColumnNumber);
@@ -59,13 +56,13 @@ Value* level4_query_select(Run& run, Value& query, const ParsedTag& tag) {
                          std::to_string(static_cast<uint32_t>(n)) + "' does not exist.\n");
     }
     const ValueRow& entry = row->rows[static_cast<size_t>(n)];
-    return set_derived(query, value_from_string(entry.empty() || !entry[0] ? "" : value_text(*entry[0])));
+    return keep_property(run, value_from_string(entry.empty() || !entry[0] ? "" : value_text(*entry[0])));
   }
   if (const std::string* name = tag_option(tag, "columnnum")) {
     if (columns == 0) return level4_fail(run, kNoRecords);
     int position = row ? level4_hash_position(*row, hash_find(row, *name)) : -1;
     if (position < 0) return unknown_column(run, *name);
-    return set_derived(query, value_from_integer(position));
+    return keep_property(run, value_from_integer(position));
   }
   return &query;
 }

@@ -10,6 +10,7 @@
 
 #include <chrono>
 
+#include "runtime/budget.h"
 #include "runtime/execute.h"
 #include "runtime/general.h"
 #include "runtime/level4.h"
@@ -23,6 +24,12 @@ Run::~Run() {
   // contexts, whose tables and pages may be shared with what went before.
   for (int slot = STATE_COUNT; slot-- > 0;) states[slot].reset();
   contexts.clear();
+}
+
+Value* keep_property(Run& run, ValuePtr property) {
+  Value& slot = run.properties[run.next_property++ % Run::kPropertySlots];
+  slot = std::move(*property);
+  return &slot;
 }
 
 const char* run_env(const Run& run, std::string_view name) {
@@ -90,7 +97,7 @@ void context_pop(Run& run) {
   parent->saved_table.reset();
 }
 
-void install_page(Run& run, PageContext* ctx, PagePtr page) {
+void install_page(Run&, PageContext* ctx, PagePtr page) {
   ctx->page = page.get();
   ctx->current = page->size() ? 0 : kNoNode;
   ctx->owner = std::move(page);
@@ -277,6 +284,14 @@ bool run_block_captured(Run& run, void (*capture)(Run&), std::string* captured) 
   tag_stack_push(run);
   size_t depth = ctx->tag_stack.size();
   DynStringPtr page_body = std::move(run.body);
+  // Back in place also when an allocation failure ends the run in the block.
+  struct BodyBack {
+    Run& run;
+    DynStringPtr& saved;
+    ~BodyBack() {
+      if (saved) run.body = std::move(saved);
+    }
+  } body_back{run, page_body};
   run.body = dyn_new();
   ctx->current = next_node(*ctx, self);
 
@@ -321,6 +336,7 @@ bool replace_buffer(Run& run, DynStringPtr& buffer) {
 }
 
 void after_node(Run& run) {
+  enforce_run_limits(run);
   if (run.abandon || run.body_discard || run.header_discard) {
     if (run.abandon || run.header_discard) replace_buffer(run, run.header);
     if (run.abandon || run.body_discard) replace_buffer(run, run.body);

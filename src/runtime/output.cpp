@@ -8,15 +8,13 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "runtime/run.h"
-#include "runtime/report.h"
 #include "base/encoders.h"
 #include "base/nocase.h"
-#include "runtime/run.h"
+#include "runtime/budget.h"
 #include "runtime/report.h"
+#include "runtime/report_log.h"
+#include "runtime/run.h"
 #include "runtime/server_address.h"
-#include "base/encoders.h"
-#include "base/nocase.h"
 
 void write_response(Run& run, std::string_view bytes) {
   if (run.io.write) run.io.write(run.io.context, bytes);
@@ -28,6 +26,18 @@ void body_append(Run& run, std::string_view bytes) {
 }
 
 namespace {
+
+// What may never reach a header line from page or request data.
+constexpr std::string_view kLineBreaks("\r\n\0", 3);
+
+std::string without(std::string_view text, std::string_view drop) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    if (drop.find(c) == std::string_view::npos) out += c;
+  }
+  return out;
+}
 
 bool starts_with_header(std::string_view line, std::string_view name) {
   return line.size() > name.size() && line[name.size()] == ':' && equals_nocase(line.substr(0, name.size()), name);
@@ -62,15 +72,23 @@ std::string with_status(const Run& run, std::string headers) {
 void send_headers(Run& run) {
   if (run.headers_sent) return;
   std::string block = run.header ? run.header->data : std::string();
-  if (run.io.status_lines) block = with_status(run, std::move(block));
-  block += "Content-type: " + run.settings.content_type + "\n\n";
+  if (run.io.status_lines) {
+    block = with_status(run, std::move(block));
+  } else if (run.failed && report_mode() == REPORTS_LOG) {
+    // In log mode a page that ended in an error says so to the server.
+    block.insert(0, "Status: 500 Internal Server Error\n");
+  }
+  block += "Content-type: " + without(run.settings.content_type, kLineBreaks) + "\n\n";
   write_response(run, block);
   run.headers_sent = true;
 }
 
 void send_body(Run& run) {
   if (run.body && !run.body->data.empty()) {
-    write_response(run, run.body->data);
+    std::string_view bytes = run.body->data;
+    bytes = bytes.substr(0, std::min<uint64_t>(bytes.size(), output_room(run)));
+    write_response(run, bytes);
+    run.output_sent += bytes.size();
     run.body_sent = true;
   } else if (!run.body_sent) {
     write_response(run, "\n");
@@ -89,18 +107,11 @@ void send_page(Run& run) {
 
 namespace {
 
-std::string without(std::string_view text, std::string_view drop) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    if (drop.find(c) == std::string_view::npos) out += c;
-  }
-  return out;
-}
-
+// Adds "line\n" to the header block.  The parts of every line are cleaned
+// where they are made; this is the last guard for all of them.
 void header_line(Run& run, std::string_view line) {
   if (!run.header) run.header = dyn_new();
-  dyn_puts(run.header.get(), line);
+  dyn_puts(run.header.get(), without(line, kLineBreaks) + "\n");
 }
 
 }  // namespace
@@ -149,12 +160,12 @@ ValuePtr cvheader_handler(Run& run, const ParsedTag& tag) {
     else
       return report_failure(run, tag, "CVHEADER requires the 'encode' option to be 'URL' or 'Base64'.  "
                        "See the Corvane documentation for details.");
-    std::string line = "Set-Cookie: " + without(*name, " \t\r\n") + "=" + encoded;
+    std::string line = "Set-Cookie: " + without(*name, std::string_view(" \t\r\n\0", 5)) + "=" + encoded;
     if (const std::string* date = tag_option(tag, "expirationdate"))
-      line += "; expires=" + without(*date, "\r\n");
-    header_line(run, line + "\n");
+      line += "; expires=" + without(*date, kLineBreaks);
+    header_line(run, line);
   } else if (equals_nocase(*type, "content-type")) {
-    run.settings.content_type = without(*value, "\r\n");
+    run.settings.content_type = without(*value, kLineBreaks);
     current_context(run)->output_mode = OUTPUT_BINARY;
     run.body_discard = true;
   } else if (equals_nocase(*type, "rawheader")) {
@@ -162,7 +173,7 @@ ValuePtr cvheader_handler(Run& run, const ParsedTag& tag) {
     if (!name)
       return report_failure(run, tag, "CVHEADER requires the 'name' option to be used when the 'type' option is "
                        "'rawheader'.  See the Corvane documentation for details.");
-    header_line(run, without(*name, "\r\n") + ": " + without(*value, "\r\n") + "\n");
+    header_line(run, without(*name, kLineBreaks) + ": " + without(*value, kLineBreaks));
   } else {
     return report_failure(run, tag, "CVHEADER requires the 'type' option to be 'cookie', 'content-type', or "
                      "'rawheader'.  See the Corvane documentation for details.");
@@ -178,16 +189,16 @@ ValuePtr cvlocation_handler(Run& run, const ParsedTag& tag) {
   if (!location) return report_failure(run, tag, option_required_message("CVLOCATION", "location"));
   run.stop = true;
   // Line breaks and NUL bytes from the page never reach the header block.
-  std::string target = without(*location, std::string_view("\r\n\0", 3));
+  std::string target = without(*location, kLineBreaks);
   for (char& c : target) {
     if (c == '\\') c = '/';
   }
   PageContext* ctx = current_context(run);
   std::string dir;
   if (!resolve_page_directory(ctx->directory, target, &dir)) {
-    header_line(run, "Location: " + target + "\n");
+    header_line(run, "Location: " + target);
   } else {
-    header_line(run, "Location: " + server_base_url(run) + dir + std::string(last_path_part(target)) + "\n");
+    header_line(run, "Location: " + server_base_url(run) + dir + std::string(last_path_part(target)));
   }
   return value_new();
 }

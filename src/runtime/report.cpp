@@ -5,6 +5,7 @@
 
 #include "runtime/run.h"
 #include "runtime/output.h"
+#include "runtime/report_log.h"
 #include "base/nocase.h"
 
 namespace {
@@ -12,6 +13,18 @@ namespace {
 void put(DynStringPtr& buffer, std::string_view text) {
   if (!buffer) buffer = dyn_new();
   dyn_puts(buffer.get(), text);
+}
+
+std::string escape_markup(std::string_view text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '<') out += "&lt;";
+    else if (c == '>') out += "&gt;";
+    else if (c == '"') out += "&quot;";
+    else if (c == '&') out += "&amp;";
+    else out += c;
+  }
+  return out;
 }
 
 std::string line_of(const PageContext* ctx) {
@@ -42,6 +55,7 @@ void report_diagnostic(Run& run, std::string_view text, bool only_full) {
 }
 
 void report_internal_error(Run& run) {
+  run.failed = true;
   report_diagnostic(run, "Fatal Error:  An internal error has occurred in Corvane.\n");
 }
 
@@ -120,8 +134,13 @@ void write_variable_dump(Run& run) {
   const PageContext* ctx = current_context(run);
   if (!ctx || !run.names) return;
   std::string r = "\n\nLevel 4 tag dump of " + ctx->full_path + ":\n\n";
+  // Names can come from the request; shown in HTML they are escaped.
+  bool html = run.settings.cgi_mode && report_mode() == REPORTS_PAGE;
   for (const TableEntry& e : run.names->entries) {
-    if (e.entry.kind == KIND_VARIABLE) r += "  " + e.name + "\n";
+    if (e.entry.kind != KIND_VARIABLE) continue;
+    r += "  ";
+    r += html ? escape_markup(e.name) : e.name;
+    r += "\n";
   }
   put(run.stats, r);
 }
@@ -189,6 +208,11 @@ bool has_text(const DynStringPtr& buffer) { return buffer && !buffer->data.empty
 
 void send_reports(Run& run) {
   bool cgi = run.settings.cgi_mode;
+  if (report_mode() == REPORTS_LOG) {
+    if (has_text(run.sql_stats) || has_text(run.stats) || has_text(run.errors)) log_reports(run);
+    if (run.failed) write_response(run, report_notice(run));
+    return;
+  }
   if (has_text(run.sql_stats)) {
     std::string r;
     if (cgi) r += "<hr>\n<pre>\n";

@@ -74,7 +74,7 @@ ValuePtr hash_of_pairs(std::vector<RequestPair> pairs) {
     return compare_bytes_nocase(a.key, b.key) < 0;
   });
   ValuePtr hash = value_new();
-  hash->type = VT_HASH;
+  value_set_type(*hash, VT_HASH);
   hash->columns = 2;
   hash->rows.reserve(pairs.size());
   for (RequestPair& p : pairs) {
@@ -137,7 +137,7 @@ bool is_post(Run& run) {
 
 void request_variables(Run& run) {
   ValuePtr ascii = value_new();
-  ascii->type = VT_LIST;
+  value_set_type(*ascii, VT_LIST);
   ascii->list.reserve(256);
   for (int i = 0; i < 256; ++i) ascii->list.push_back(value_from_string(std::string(1, static_cast<char>(i))));
   set_variable(run, "ASCII", std::move(ascii));
@@ -151,7 +151,7 @@ void request_variables(Run& run) {
   set_variable(run, "CGI", hash_of_pairs(std::move(environment)));
 
   ValuePtr args = value_new();
-  args->type = VT_LIST;
+  value_set_type(*args, VT_LIST);
   for (const std::string& a : run.argv) args->list.push_back(value_from_string(a));
   set_variable(run, "ARGV", std::move(args));
 
@@ -164,9 +164,10 @@ void request_variables(Run& run) {
   }
 
   if (is_post(run)) {
-    size_t length = content_length(run), limit = upload_limit();
+    size_t length = content_length(run);
+    uint64_t limit = run.limits.post_bytes;
     std::string body;
-    if (length > limit)
+    if (limit && length > limit)
       report_diagnostic(run, "Warning:  The POST body of " + std::to_string(length) + " bytes is larger than the upload "
                         "limit of " + std::to_string(limit) + " bytes (CVML_MAX_UPLOAD); it was not read.\n");
     else

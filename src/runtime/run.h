@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/dynstring.h"
+#include "base/memory_budget.h"
 #include "base/random.h"
 #include "page/page.h"
 #include "page/tag.h"
@@ -120,7 +121,17 @@ struct Run {
   RunLimits limits;
   uint64_t start_ms = 0;  // the clock (now_ms) when the run started
   uint32_t next_time_check = 0;  // tags_processed when limits.time_ms is next looked at
+  // What the run's values and buffers hold, counted while its pages run
+  // (runtime/budget.h); bounded by limits.memory_bytes.
+  MemoryBudget memory;
+  uint64_t output_sent = 0;  // response body bytes written so far
   bool failed = false;       // an error report ended the page
+
+  // Properties a reference computed (a type code, a size, a row count): the
+  // value handed back stays valid until a few more have been computed.
+  static constexpr uint32_t kPropertySlots = 8;
+  Value properties[kPropertySlots];
+  uint32_t next_property = 0;
 
   std::unique_ptr<RunState> states[STATE_COUNT];
 
@@ -130,6 +141,8 @@ struct Run {
   ~Run();
 };
 
+// Keeps a computed property in the run's slots and returns it.
+Value* keep_property(Run& run, ValuePtr property);
 // A variable of the request's environment; null when it is not set.
 const char* run_env(const Run& run, std::string_view name);
 // The run's state in `slot`, made on first use.

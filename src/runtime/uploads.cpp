@@ -65,7 +65,7 @@ void set_entry(Value* hash, std::string_view key, ValuePtr value) {
 
 ValuePtr new_hash() {
   ValuePtr hash = value_new();
-  hash->type = VT_HASH;
+  value_set_type(*hash, VT_HASH);
   hash->columns = 2;
   return hash;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <system_error>
 
+#include "runtime/budget.h"
 #include "runtime/run.h"
 #include "runtime/output.h"
 #include "runtime/report.h"
@@ -55,7 +56,8 @@ size_t include_depth(Run& run) {
 // reporting the failure (the new context is popped first).
 bool load_file(Run& run, const ParsedTag& tag, const PageContext& outer, PageContext* inner, const std::string& file) {
   std::string directory;
-  if (!resolve_page_directory(outer.directory, file, &directory)) {
+  // A NUL byte would end the path the system sees early, past the checks.
+  if (file.find('\0') != std::string::npos || !resolve_page_directory(outer.directory, file, &directory)) {
     context_pop(run);
     report_error(run, tag, kIncludeWebProtocol);
     return false;
@@ -66,6 +68,12 @@ bool load_file(Run& run, const ParsedTag& tag, const PageContext& outer, PageCon
   inner->file_name = file_name;
   inner->full_path = run.settings.doc_root + directory + file_name;
 
+  if (uint64_t size = page_file_too_large(run, inner->full_path)) {
+    std::string message = page_limit_message("The file " + inner->full_path, size, run.limits.page_bytes);
+    context_pop(run);
+    report_error(run, tag, message);
+    return false;
+  }
   std::error_code ec;
   PagePtr page;
   if (!std::filesystem::is_directory(inner->full_path, ec)) page = load_page(inner->full_path);
@@ -89,6 +97,11 @@ bool load_variable(Run& run, const ParsedTag& tag, const PageContext& outer, Pag
     return false;
   }
   std::string text = value_text(*value);
+  if (run.limits.page_bytes && text.size() > run.limits.page_bytes) {
+    context_pop(run);
+    report_error(run, tag, page_limit_message("The text of the variable " + name, text.size(), run.limits.page_bytes));
+    return false;
+  }
   inner->directory = outer.directory;
   inner->file_name = outer.file_name;
   inner->full_path = outer.full_path;

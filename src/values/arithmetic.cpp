@@ -422,7 +422,8 @@ Num evaluate_flat(std::string_view text) {
 bool is_plain_number(std::string_view t) {
   if (t.empty()) return false;
   size_t sign = (t[0] == '+' || t[0] == '-') ? 1 : 0;
-  return unsigned_number_length(t, sign) + sign == t.size();
+  size_t digits = unsigned_number_length(t, sign);
+  return digits > 0 && digits + sign == t.size();  // a sign alone is an operator
 }
 
 // A result that "%.15lf" prints as its integer is read back unchanged.

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <limits>
 
+#include "base/memory_budget.h"
+
 namespace {
 
 // Division scale for the whole run.  Kept below a ceiling so that one
@@ -269,6 +271,8 @@ Decimal decimal_sub(const Decimal& a, const Decimal& b) {
 // The exact product has a.scale + b.scale digits after the point; it keeps
 // no more than the precision or the longer operand's scale, cut towards zero.
 Decimal decimal_mul(const Decimal& a, const Decimal& b) {
+  // The product and GMP's work space, asked of the request's budget first.
+  memory_budget_expect(4 * (mpz_size(a.digits) + mpz_size(b.digits)) * sizeof(mp_limb_t));
   Decimal r;
   mpz_mul(r.digits, a.digits, b.digits);
   uint64_t full = uint64_t{a.scale} + b.scale;

@@ -213,7 +213,7 @@ ValuePtr result_cell_to_value(int type, const ResultCell& cell) {
 
 ValuePtr result_row_hash(const ResultSet& rs, uint32_t row) {
   ValuePtr hash = value_new();
-  hash->type = VT_HASH;
+  value_set_type(*hash, VT_HASH);
   hash->columns = 2;
   std::vector<ResultCell> cells = result_row_cells(rs, row);
   for (size_t c = 0; c < rs.columns.size(); c++) {

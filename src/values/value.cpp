@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/encoders.h"
+#include "base/memory_budget.h"
 
 
 namespace {
@@ -20,14 +21,91 @@ constexpr uint64_t kMaxRangeGap = uint64_t{1} << 24;
 
 // ---------------------------------------------------------------- copying
 
-// Copies the payload of `from` (by its type) into the fresh value `to`.
-// aux_text and the derived value belong to the record, not the payload, so
-// they are left alone.
+// The payload member of `type`, made in a value that holds none.
+void make_payload(Value& v, uint8_t type) {
+  switch (type) {
+    case VT_DECIMAL: new (&v.decimal) Decimal(); break;
+    case VT_STRING: new (&v.bytes) std::string(); break;
+    case VT_LIST: new (&v.list) std::vector<ValuePtr>(); break;
+    case VT_ARRAY:
+    case VT_HASH: new (&v.rows) std::vector<ValueRow>(); break;
+    case VT_QUERY: new (&v.query) std::unique_ptr<QueryPayload>(); break;
+    default: v.number = 0; break;
+  }
+  v.type = type;
+}
+
+// Ends the payload member's life; nested values must have been taken out
+// already (see take_children).  The value is left empty.
+void drop_payload(Value& v) {
+  switch (v.type) {
+    case VT_DECIMAL: v.decimal.~Decimal(); break;
+    case VT_STRING: v.bytes.~basic_string(); break;
+    case VT_LIST: v.list.~vector(); break;
+    case VT_ARRAY:
+    case VT_HASH: v.rows.~vector(); break;
+    case VT_QUERY: v.query.~unique_ptr(); break;
+    default: break;
+  }
+  v.type = VT_EMPTY;
+  v.number = 0;
+  v.start = v.end = v.columns = 0;
+}
+
+bool holds_children(const Value& v) {
+  return v.type == VT_LIST || v.type == VT_ARRAY || v.type == VT_HASH || v.type == VT_QUERY;
+}
+
+// Moves the nested values of `v` that hold values themselves to `pending`,
+// and frees the others at once, so that freeing `v` recurses no further and
+// `pending` stays short for a long list of plain values.
+void take_children(Value& v, std::vector<ValuePtr>& pending) {
+  auto take = [&pending](ValuePtr& e) {
+    if (!e) return;
+    if (holds_children(*e))
+      pending.push_back(std::move(e));
+    else
+      e.reset();
+  };
+  switch (v.type) {
+    case VT_LIST:
+      for (ValuePtr& e : v.list) take(e);
+      v.list.clear();
+      break;
+    case VT_ARRAY:
+    case VT_HASH:
+      for (ValueRow& row : v.rows)
+        for (ValuePtr& c : row) take(c);
+      v.rows.clear();
+      break;
+    case VT_QUERY:
+      if (v.query && v.query->row) take(v.query->row);
+      break;
+    default:
+      break;
+  }
+}
+
+// Releases everything `v` holds, nested values included, without recursion.
+void release(Value& v) {
+  if (holds_children(v)) {
+    // Freeing must not fail for want of the work list's memory.
+    MemoryReleaseScope releasing;
+    std::vector<ValuePtr> pending;
+    take_children(v, pending);
+    while (!pending.empty()) {
+      ValuePtr child = std::move(pending.back());
+      pending.pop_back();
+      take_children(*child, pending);
+    }
+  }
+  drop_payload(v);
+}
+
+// Copies the payload of `from` (by its type) into the empty value `to`.
 void copy_payload(const Value& from, Value& to) {
-  to.type = from.type;
+  make_payload(to, from.type);
   switch (from.type) {
-    case VT_EMPTY:
-      return;
     case VT_INTEGER:
       to.integer = from.integer;
       return;
@@ -67,30 +145,29 @@ void copy_payload(const Value& from, Value& to) {
       }
       return;
     default:
-      // Handle-holding kinds of the file and socket tags keep their handle
-      // in the plain scalar fields.
-      to.integer = from.integer;
-      to.number = from.number;
-      to.bytes = from.bytes;
-      to.start = from.start;
-      to.end = from.end;
       return;
   }
 }
 
-// Moves every payload field of `from` into `to`, replacing what `to` held.
+// Moves the payload of `from` into the empty value `to`; `from` is left
+// empty.
 void move_payload(Value& from, Value& to) {
-  to.type = from.type;
-  to.integer = from.integer;
-  to.number = from.number;
-  to.decimal = std::move(from.decimal);
-  to.bytes = std::move(from.bytes);
+  make_payload(to, from.type);
   to.start = from.start;
   to.end = from.end;
-  to.list = std::move(from.list);
-  to.rows = std::move(from.rows);
   to.columns = from.columns;
-  to.query = std::move(from.query);
+  switch (from.type) {
+    case VT_INTEGER: to.integer = from.integer; break;
+    case VT_NUMBER: to.number = from.number; break;
+    case VT_DECIMAL: to.decimal = std::move(from.decimal); break;
+    case VT_STRING: to.bytes = std::move(from.bytes); break;
+    case VT_LIST: to.list = std::move(from.list); break;
+    case VT_ARRAY:
+    case VT_HASH: to.rows = std::move(from.rows); break;
+    case VT_QUERY: to.query = std::move(from.query); break;
+    default: break;
+  }
+  drop_payload(from);
 }
 
 // ------------------------------------------------------------ string form
@@ -218,7 +295,7 @@ long hash_search(const Value& hash, std::string_view key) {
 
 ValuePtr new_hash() {
   ValuePtr h = value_new();
-  h->type = VT_HASH;
+  value_set_type(*h, VT_HASH);
   h->columns = 2;
   return h;
 }
@@ -238,141 +315,135 @@ void add_hash_row(Value& hash, std::string key, ValuePtr value) {
 
 namespace {
 
-// Freed records kept for reuse, up to a bound, so that a page that drops a
-// large list returns its memory.  Builds with AddressSanitizer use the
-// ordinary allocator, which it watches.
+// Records are carved from slabs of a thousand and kept on a free list when
+// freed: no allocator header per record (a list of a million numbers costs
+// 48 bytes an element plus its pointer) and no allocator call on the pass
+// of a loop.  Slabs are kept for the life of the process, so its memory
+// stays at the largest a page has needed, and is reused.  Builds with
+// AddressSanitizer use the ordinary allocator, which it watches.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr size_t kMaxSpareValues = 0;
+constexpr bool kSlabs = false;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-constexpr size_t kMaxSpareValues = 0;
+constexpr bool kSlabs = false;
 #else
-constexpr size_t kMaxSpareValues = 4096;
+constexpr bool kSlabs = true;
 #endif
 #else
-constexpr size_t kMaxSpareValues = 4096;
+constexpr bool kSlabs = true;
 #endif
 
-struct SpareValue {
-  SpareValue* next;
+constexpr size_t kSlabRecords = 1024;
+
+struct FreeRecord {
+  FreeRecord* next;
 };
-SpareValue* spare_values = nullptr;
-size_t spare_count = 0;
+FreeRecord* free_records = nullptr;
+char* slab_next = nullptr;
+char* slab_end = nullptr;
 
 }  // namespace
 
 void* Value::operator new(size_t size) {
-  if (spare_values && size == sizeof(Value)) {
-    SpareValue* v = spare_values;
-    spare_values = v->next;
-    --spare_count;
-    return v;
+  if (!kSlabs || size != sizeof(Value)) return ::operator new(size);
+  if (free_records) {
+    FreeRecord* r = free_records;
+    free_records = r->next;
+    return r;
   }
-  return ::operator new(size);
+  if (slab_next == slab_end) {
+    slab_next = static_cast<char*>(::operator new(kSlabRecords * sizeof(Value)));
+    slab_end = slab_next + kSlabRecords * sizeof(Value);
+  }
+  void* record = slab_next;
+  slab_next += sizeof(Value);
+  return record;
 }
 
 void Value::operator delete(void* p, size_t size) {
   if (!p) return;
-  if (size == sizeof(Value) && spare_count < kMaxSpareValues) {
-    SpareValue* v = static_cast<SpareValue*>(p);
-    v->next = spare_values;
-    spare_values = v;
-    ++spare_count;
+  if (!kSlabs || size != sizeof(Value)) {
+    ::operator delete(p);
     return;
   }
-  ::operator delete(p);
+  FreeRecord* r = static_cast<FreeRecord*>(p);
+  r->next = free_records;
+  free_records = r;
 }
 
 ValuePtr value_new() { return std::make_unique<Value>(); }
 
 void value_free(ValuePtr v) { v.reset(); }
 
-// A copy carries the type and payload; aux_text and the derived value are
-// per-record scratch and start empty in the copy.
 ValuePtr value_copy(const Value& v) {
   static int depth = 0;
   ValuePtr out = value_new();
   if (depth >= kMaxValueNesting) return out;
-  ++depth;
+  // Restored also when an allocation fails part way through the copy.
+  struct Nest {
+    Nest() { ++depth; }
+    ~Nest() { --depth; }
+  } nest;
   copy_payload(v, *out);
-  --depth;
   return out;
 }
 
-namespace {
+Value::Value(Value&& other) noexcept { move_payload(other, *this); }
 
-void take_children(Value& v, std::vector<ValuePtr>& pending) {
-  for (ValuePtr& e : v.list) {
-    if (e) pending.push_back(std::move(e));
+Value& Value::operator=(Value&& other) noexcept {
+  if (this != &other) {
+    Value taken(std::move(other));  // `other` may live inside this value
+    release(*this);
+    move_payload(taken, *this);
   }
-  v.list.clear();
-  for (ValueRow& row : v.rows) {
-    for (ValuePtr& c : row) {
-      if (c) pending.push_back(std::move(c));
-    }
-  }
-  v.rows.clear();
-  if (v.derived) pending.push_back(std::move(v.derived));
-  if (v.query && v.query->row) pending.push_back(std::move(v.query->row));
+  return *this;
 }
 
-}  // namespace
+Value::~Value() { release(*this); }
 
-Value::~Value() {
-  if (list.empty() && rows.empty() && !derived && !query) return;
-  std::vector<ValuePtr> pending;
-  take_children(*this, pending);
-  while (!pending.empty()) {
-    ValuePtr v = std::move(pending.back());
-    pending.pop_back();
-    take_children(*v, pending);
-  }
+void value_set_type(Value& v, uint8_t type) {
+  release(v);
+  make_payload(v, type);
 }
 
 void value_set_number(Value* dest, double d) {
   if (dest->type == VT_EMPTY || dest->type == VT_INTEGER || dest->type == VT_NUMBER) {
     dest->type = VT_NUMBER;
-    dest->integer = 0;
     dest->number = d;
-    dest->derived.reset();
     return;
   }
   Value number;
-  number.type = VT_NUMBER;
+  value_set_type(number, VT_NUMBER);
   number.number = d;
   value_assign(dest, &number);
 }
 
-void value_clear(Value& v) {
-  Value empty;
-  v.derived.reset();
-  move_payload(empty, v);
-}
+void value_clear(Value& v) { release(v); }
 
 ValuePtr value_from_integer(int32_t n) {
   ValuePtr v = value_new();
-  v->type = VT_INTEGER;
+  value_set_type(*v, VT_INTEGER);
   v->integer = n;
   return v;
 }
 
 ValuePtr value_from_number(double d) {
   ValuePtr v = value_new();
-  v->type = VT_NUMBER;
+  value_set_type(*v, VT_NUMBER);
   v->number = d;
   return v;
 }
 
 ValuePtr value_from_decimal(Decimal d) {
   ValuePtr v = value_new();
-  v->type = VT_DECIMAL;
+  value_set_type(*v, VT_DECIMAL);
   v->decimal = std::move(d);
   return v;
 }
 
 ValuePtr value_from_string(std::string bytes) {
   ValuePtr v = value_new();
-  v->type = VT_STRING;
+  value_set_type(*v, VT_STRING);
   v->end = static_cast<uint32_t>(std::min<size_t>(bytes.size(), UINT32_MAX));
   v->bytes = std::move(bytes);
   return v;
@@ -400,7 +471,6 @@ bool value_assign(Value* dest, const Value* src) {
     if (start > len) joined.append(start - len, '\0');
     joined += text;
     if (end < len) joined.append(dest->bytes, end, len - end);
-    dest->derived.reset();
     dest->bytes = std::move(joined);
     return true;
   }
@@ -410,26 +480,27 @@ bool value_assign(Value* dest, const Value* src) {
   if (plain_src && plain_dest) {
     // Loop counters and sums: nothing to release, nothing to allocate.
     dest->type = src->type;
-    dest->integer = src->type == VT_INTEGER ? src->integer : 0;
-    dest->number = src->type == VT_NUMBER ? src->number : 0;
-    dest->derived.reset();
+    if (src->type == VT_INTEGER)
+      dest->integer = src->integer;
+    else
+      dest->number = src->type == VT_NUMBER ? src->number : 0;
     return true;
   }
 
   if (src->type == VT_STRING) {
     std::string text = value_text(*src);
     Value fresh;
-    fresh.type = VT_STRING;
+    value_set_type(fresh, VT_STRING);
     fresh.end = static_cast<uint32_t>(std::min<size_t>(text.size(), UINT32_MAX));
     fresh.bytes = std::move(text);
-    dest->derived.reset();
+    release(*dest);
     move_payload(fresh, *dest);
     return true;
   }
 
   Value fresh;
   copy_payload(*src, fresh);
-  dest->derived.reset();
+  release(*dest);
   move_payload(fresh, *dest);
   return true;
 }
@@ -583,7 +654,7 @@ ValuePtr value_to_number(const Value& value) {
 
 ValuePtr value_to_list(const Value& v) {
   ValuePtr out = value_new();
-  out->type = VT_LIST;
+  value_set_type(*out, VT_LIST);
   switch (v.type) {
     case VT_INTEGER:
     case VT_DECIMAL:
@@ -595,12 +666,13 @@ ValuePtr value_to_list(const Value& v) {
       if (v.query && v.query->row) return value_to_list(*v.query->row);
       break;
     case VT_LIST:
+      value_clear(*out);
       copy_payload(v, *out);
       break;
     case VT_ARRAY:
       for (const ValueRow& row : v.rows) {
         ValuePtr cells = value_new();
-        cells->type = VT_LIST;
+        value_set_type(*cells, VT_LIST);
         for (const ValuePtr& c : row) cells->list.push_back(c ? value_copy(*c) : value_new());
         out->list.push_back(std::move(cells));
       }
@@ -639,7 +711,7 @@ ValuePtr value_to_hash(const Value& v) {
           cell = row.size() > 1 && row[1] ? value_copy(*row[1]) : value_new();
         } else if (v.columns >= 3) {
           cell = value_new();
-          cell->type = VT_LIST;
+          value_set_type(*cell, VT_LIST);
           for (size_t c = 1; c < v.columns; c++)
             cell->list.push_back(c < row.size() && row[c] ? value_copy(*row[c]) : value_new());
         } else {
@@ -660,7 +732,7 @@ ValuePtr value_to_hash(const Value& v) {
 
 ValuePtr value_to_array(const Value& v) {
   ValuePtr out = value_new();
-  out->type = VT_ARRAY;
+  value_set_type(*out, VT_ARRAY);
   switch (v.type) {
     case VT_QUERY:
       if (v.query && v.query->row) return value_to_array(*v.query->row);
@@ -673,8 +745,9 @@ ValuePtr value_to_array(const Value& v) {
     }
     case VT_ARRAY:
     case VT_HASH:
+      value_clear(*out);
       copy_payload(v, *out);
-      out->type = VT_ARRAY;
+      out->type = VT_ARRAY;  // the same table, read as an array
       break;
     default: {
       ValueRow& row = out->rows.emplace_back();

@@ -39,34 +39,39 @@ struct QueryPayload {
   ValuePtr row;            // the current row as a hash, when built
 };
 
+// Forty-eight bytes: the type, a string's range or a table's column count,
+// and one payload, whichever the type holds.  Only the member of the value's
+// type may be used; value_set_type changes the type and the member with it.
 struct Value {
   uint8_t type = VT_EMPTY;
-  std::string aux_text;
+  uint32_t start = 0, end = 0;  // VT_STRING: the range a reference selected
+  uint32_t columns = 0;         // VT_ARRAY and VT_HASH
+  union {
+    double number = 0;                    // VT_NUMBER
+    int32_t integer;                      // VT_INTEGER
+    Decimal decimal;                      // VT_DECIMAL
+    std::string bytes;                    // VT_STRING: the whole string
+    std::vector<ValuePtr> list;           // VT_LIST
+    std::vector<ValueRow> rows;           // VT_ARRAY and VT_HASH (hash: key, value)
+    std::unique_ptr<QueryPayload> query;  // VT_QUERY
+  };
 
-  int32_t integer = 0;         // VT_INTEGER
-  double number = 0;           // VT_NUMBER
-  Decimal decimal;             // VT_DECIMAL
-  std::string bytes;           // VT_STRING: the whole string
-  uint32_t start = 0, end = 0; // VT_STRING: the range a reference selected
-  std::vector<ValuePtr> list;  // VT_LIST
-  std::vector<ValueRow> rows;  // VT_ARRAY and VT_HASH (hash: key, value)
-  uint32_t columns = 0;        // VT_ARRAY and VT_HASH
-  std::unique_ptr<QueryPayload> query;  // VT_QUERY
-
-  // The last computed property (type code, size ...) handed to the page.
-  ValuePtr derived;
-
-  Value() = default;
-  Value(Value&&) = default;
+  Value() {}
+  Value(Value&& other) noexcept;
+  Value& operator=(Value&& other) noexcept;
   // Records come from a free list: a page makes and drops values on every
   // pass of a loop.
   static void* operator new(size_t size);
   static void operator delete(void* p, size_t size);
-  Value& operator=(Value&&) = default;
   // Takes nested values apart with a work list rather than by recursion,
   // so a value nested any depth is freed without exhausting the stack.
   ~Value();
 };
+static_assert(sizeof(Value) <= 48, "a value is six machine words at most");
+
+// Makes `v` an empty value of `type`: what it held is released and the
+// member of the new type made (an empty string, list or table, 0).
+void value_set_type(Value& v, uint8_t type);
 
 // Copying and printing recurse into nested lists and tables; below this
 // depth the nested parts are left out, so no page can exhaust the stack.

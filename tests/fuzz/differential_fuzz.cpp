@@ -34,7 +34,7 @@ void remove_scratch() {
 bool names_outside_tag(std::string_view text) {
   std::string lower(text);
   for (char& c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  for (std::string_view name : {"cvfile", "cv-api", "cvweb", "cvquery", "cv-rowseek", "cv-time", "random",
+  for (std::string_view name : {"cvfile", "cv-api", "cvweb", "cvquery", "cv-rowseek", "cv-time", "rand",
                                 "uniqueid"}) {
     if (lower.find(name) != std::string::npos) return true;
   }

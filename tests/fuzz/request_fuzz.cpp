@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "program/startup.h"
+#include "runtime/request.h"
 #include "base/encoders.h"
 
 namespace {

@@ -78,9 +78,18 @@ def main(argv):
             expected[page] = first
         else:
             skipped.append(page)
+    # A page that writes or grows until its output or memory limit would,
+    # without the small limit its case sets, work up to the server's default
+    # (256 MB of output a line at a time, a decimal squared up to 128 MB):
+    # only a measure of the machine's speed, so it is not sent.  The server's
+    # own limits have their test (fastcgi_faults_test.sh).
+    unsent = [page for page in cases
+              if "CVML_MAX_OUTPUT" in case_env(page) or "CVML_MAX_MEMORY" in case_env(page)]
     failures = 0
     for pass_name, order in (("forwards", cases), ("backwards", list(reversed(cases)))):
         for page in order:
+            if page in unsent:
+                continue
             env = case_env(page)
             body = open(page[:-4] + ".in", "rb").read() if os.path.exists(page[:-4] + ".in") else b""
             out, ended = fastcgi(address, env, body)
@@ -93,7 +102,7 @@ def main(argv):
                 print("  CGI:     ", repr(expected[page][:600]))
                 print("  FastCGI: ", repr(out[:600]))
                 failures += 1
-    print(f"{len(cases)} cases, each twice through one worker; {len(skipped)} not compared "
+    print(f"{len(cases) - len(unsent)} cases, each twice through one worker ({len(unsent)} limit cases not sent); {len(skipped)} not compared "
           f"(CVML_ settings, or output that changes from run to run): {', '.join(os.path.relpath(p, pages_dir) for p in skipped)}")
     print(f"{failures} differences")
     return 1 if failures else 0

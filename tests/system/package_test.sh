@@ -26,7 +26,8 @@ grep -q '^CVML_SANITIZE:BOOL=ON' "$build/CMakeCache.txt" && sanitizer=1
 if cmake --install "$build" --prefix "$work/prefix" > "$work/install.log" 2>&1; then
   missing=
   for f in bin/cvml share/man/man1/cvml.1 share/doc/cvml/README.md share/cvml/lighttpd/10-cvml.conf \
-           share/cvml/apache2/cvml.conf share/cvml/nginx/cvml.conf; do
+           share/cvml/apache2/cvml.conf share/cvml/nginx/cvml.conf share/cvml/lighttpd/10-cvml-fastcgi.conf \
+           share/cvml/apache2/cvml-fastcgi.conf share/cvml/nginx/cvml-fastcgi.conf share/doc/cvml/examples/cvml.service; do
     [ -f "$work/prefix/$f" ] || missing+=" $f"
   done
   [ -z "$missing" ] && pass "cmake --install installs the program, manual page, documentation and snippets" ||
@@ -50,7 +51,7 @@ if ! deb=$(CVML_PACKAGE_NO_BUILD=1 "$root/scripts/package.sh" "$build" "$work" 2
 fi
 pass "scripts/package.sh built $(basename "$deb")"
 dpkg-deb -c "$deb" | awk '{print $6}' > "$work/contents"
-expected="./etc/apache2/conf-available/cvml.conf ./etc/lighttpd/conf-available/10-cvml.conf ./etc/nginx/snippets/cvml.conf ./usr/bin/cvml ./usr/share/man/man1/cvml.1.gz ./usr/share/doc/cvml/copyright ./usr/share/doc/cvml/changelog.gz"
+expected="./etc/apache2/conf-available/cvml.conf ./etc/lighttpd/conf-available/10-cvml.conf ./etc/nginx/snippets/cvml.conf ./etc/apache2/conf-available/cvml-fastcgi.conf ./etc/lighttpd/conf-available/10-cvml-fastcgi.conf ./etc/nginx/snippets/cvml-fastcgi.conf ./usr/share/doc/cvml/examples/cvml.service ./usr/bin/cvml ./usr/share/man/man1/cvml.1.gz ./usr/share/doc/cvml/copyright ./usr/share/doc/cvml/changelog.gz"
 missing=
 for f in $expected; do grep -qx -- "$f" "$work/contents" || missing+=" $f"; done
 [ -z "$missing" ] && pass "the package holds the program, manual page, documentation and snippets" ||
@@ -98,7 +99,8 @@ fi
 
 # The README's "Deploying" section shows each snippet as the package ships
 # it (after the snippet's opening comment).
-for snippet in lighttpd/10-cvml.conf apache2/cvml.conf nginx/cvml.conf; do
+for snippet in lighttpd/10-cvml.conf apache2/cvml.conf nginx/cvml.conf \
+               lighttpd/10-cvml-fastcgi.conf apache2/cvml-fastcgi.conf nginx/cvml-fastcgi.conf; do
   if python3 - "$root/README.md" "$root/packaging/$snippet" <<'PY'
 import sys
 readme = open(sys.argv[1]).read()

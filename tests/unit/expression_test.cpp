@@ -40,16 +40,23 @@ TEST(ExpressionTest, DoubleEvaluator) {
       // A missing operand: the operator and its one operand become 0.
       {"*3", 0, EVAL_ILLEGAL_OPERATOR}, {"1+*3", 1, EVAL_ILLEGAL_OPERATOR}, {"!", 0, EVAL_ILLEGAL_OPERATOR},
       {"5 +", 0, EVAL_ILLEGAL_OPERATOR}, {"1+2)", 3, EVAL_ILLEGAL_OPERATOR},  // the stray ")" is dropped
+      {"+", 0, EVAL_ILLEGAL_OPERATOR}, {" - ", 0, EVAL_ILLEGAL_OPERATOR},  // a sign alone is no number
       {"1+1", 2},  // the status does not carry over
       // Beyond 1e15 the fifteen decimals are read back; infinity prints as a word that reads as 0.
       {"1" + std::string(200, '0') + " * 10000000000", 1e200 * 1e10},
       {"1" + std::string(300, '0') + " * 10000000000", 0},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(c.value, eval_double(c.text)) << c.text;
-    EXPECT_EQ(c.status, eval_status) << c.text;
+  // The evaluator's shortcuts for common shapes and the plain rewriting
+  // must agree on every case.
+  for (bool shortcuts : {true, false}) {
+    arithmetic_shortcuts = shortcuts;
+    for (const Case& c : cases) {
+      EXPECT_EQ(c.value, eval_double(c.text)) << c.text << (shortcuts ? "" : " (no shortcuts)");
+      EXPECT_EQ(c.status, eval_status) << c.text << (shortcuts ? "" : " (no shortcuts)");
+    }
+    EXPECT_TRUE(std::signbit(eval_double("-0 * 1")));
   }
-  EXPECT_TRUE(std::signbit(eval_double("-0 * 1")));
+  arithmetic_shortcuts = true;
 }
 
 TEST(ExpressionTest, ClassificationAndBlankText) {

@@ -70,10 +70,27 @@ TEST(FtpPasv, SixNumbersWithOrWithoutParentheses) {
   EXPECT_FALSE(ftp_parse_pasv("227 Passive\r\n", address, port));
 }
 
+// A port that is free, with the one after it, below the range the system
+// hands out for outgoing connections, so neither is taken meanwhile.
+int free_port_pair() {
+  auto free = [](int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    if (fd >= 0) close(fd);
+    return ok;
+  };
+  for (int port = 20000 + getpid() % 5000; port < 32000; port += 2)
+    if (free(port) && free(port + 1)) return port;
+  return 0;
+}
+
 TEST(FtpDialogue, ActiveTransfersTakeConsecutivePorts) {
-  int base = 0;
-  int probe = fake_peer::listen_any(base);
-  close(probe);  // a port that was free a moment ago
+  int base = free_port_pair();
+  ASSERT_NE(0, base);
   fake_peer::Server server;
   int ports[2] = {0, 0};
   server.start([&ports](int fd, std::string& heard) {

@@ -19,7 +19,7 @@ class Level4Test : public ::testing::Test {
     tag_table_init(run);
     vartable_set(*run.names, "q", make_variable_entry());
     query_ = vartable_find(*run.names, "q")->variable.get();
-    query_->type = VT_QUERY;
+    value_set_type(*query_, VT_QUERY);
     query_->query = std::make_unique<QueryPayload>();
     query_->query->current_row = kNoRow;
     rs_ = std::make_shared<ResultSet>();

@@ -72,7 +72,7 @@ class PageRows : public ::testing::Test {
 void add_query_variable(Run& run) {
   vartable_set(*run.names, "q", make_variable_entry());
   Value* q = vartable_find(*run.names, "q")->variable.get();
-  q->type = VT_QUERY;
+  value_set_type(*q, VT_QUERY);
   q->query = std::make_unique<QueryPayload>();
   q->query->current_row = kNoRow;
   auto rs = std::make_shared<ResultSet>();

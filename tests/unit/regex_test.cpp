@@ -1,6 +1,6 @@
 // Regex matching: group depths from the pattern, capture records, the
 // result tree, and failures (bad patterns, runaway backtracking).
-#include "base/regex.h"
+#include "values/regex.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 
 namespace {
 
-ValuePtr dummy_handler(Run& run, const ParsedTag&) { return value_new(); }
+ValuePtr dummy_handler(Run&, const ParsedTag&) { return value_new(); }
 
 TagHandler builtin(uint8_t tag_class) {
   TagHandler entry;

@@ -1,6 +1,6 @@
 // PCRE2 behind CV-STR "regex": matching with limits, group depths from the
 // pattern, and the list tree of the capture records.
-#include "base/regex.h"
+#include "values/regex.h"
 
 #include <pcre2.h>
 
@@ -138,7 +138,7 @@ RegexStatus regex_match(std::string_view pattern, std::string_view subject, std:
 
 ValuePtr regex_result_tree(const std::vector<RegexCapture>& captures, std::string_view subject, bool ranges) {
   ValuePtr root = value_new();
-  root->type = VT_LIST;
+  value_set_type(*root, VT_LIST);
   // The child list of an element is its last cell.
   auto child_of_last = [](Value* list) -> Value* {
     if (list->list.empty()) return list;
@@ -158,7 +158,7 @@ ValuePtr regex_result_tree(const std::vector<RegexCapture>& captures, std::strin
     previous = rec.depth;
 
     ValuePtr element = value_new();
-    element->type = VT_LIST;
+    value_set_type(*element, VT_LIST);
     if (ranges) {
       element->list.push_back(value_from_integer(int32_t(rec.start)));
       element->list.push_back(value_from_integer(int32_t(rec.end)));
@@ -166,7 +166,7 @@ ValuePtr regex_result_tree(const std::vector<RegexCapture>& captures, std::strin
       element->list.push_back(value_from_string(std::string(subject.substr(rec.start, rec.end - rec.start))));
     }
     ValuePtr children = value_new();
-    children->type = VT_LIST;
+    value_set_type(*children, VT_LIST);
     element->list.push_back(std::move(children));
     current->list.push_back(std::move(element));
   }
