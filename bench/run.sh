@@ -35,8 +35,8 @@
 #
 # Both engines run in CGI mode, as a web server would start them: no
 # arguments, the request in the environment (DOCUMENT_ROOT, REQUEST_METHOD=GET,
-# QUERY_STRING), cvml finding its page through PATH_TRANSLATED and php-cgi
-# through SCRIPT_FILENAME with REDIRECT_STATUS set (php-cgi refuses CGI requests
+# QUERY_STRING), each finding its page through SCRIPT_FILENAME, php-cgi
+# with REDIRECT_STATUS set (php-cgi refuses CGI requests
 # without it).  php-cgi reads the system's php.ini, as it would when deployed.
 # Each pair's bodies are compared before it is timed; a difference is shown in
 # the table and makes the exit status 1.  The table goes to standard output,
@@ -167,10 +167,12 @@ check_bodies() {
   return 1
 }
 
-# cgi_env NAME: sets env_list to the request environment for bench/NAME.cvm
-# and bench/NAME.php.
+# cgi_env NAME: sets env_cvml and env_php to the request environments for
+# bench/NAME.cvm and bench/NAME.php, each as a web server would give it to a
+# handler of its page (SCRIPT_FILENAME naming the page).
 cgi_env() {
-  env_list=("DOCUMENT_ROOT=$here" "PATH_TRANSLATED=$here/$1.cvm" "SCRIPT_FILENAME=$here/$1.php")
+  env_cvml=("DOCUMENT_ROOT=$here" "SCRIPT_FILENAME=$here/$1.cvm")
+  env_php=("DOCUMENT_ROOT=$here" "SCRIPT_FILENAME=$here/$1.php")
 }
 
 what_of() {
@@ -191,16 +193,17 @@ goal_of() {
 # A pair: both pages once (their bodies compared, their times a probe for the
 # run count), then hyperfine with both in one run.
 bench_pair() {
-  local name=$1 env_list t_c t_p slow runs warm mismatch="" extra=() cmds
+  local name=$1 env_cvml env_php t_c t_p slow runs warm mismatch="" extra=() common=()
   cgi_env "$name"
-  [ "$name" = rows ] && env_list+=("BENCH_SQLITE=$BENCH_SQLITE" "ODBCSYSINI=$ODBCSYSINI" "ODBCINI=$ODBCINI")
+  [ "$name" = rows ] && common=("BENCH_SQLITE=$BENCH_SQLITE" "ODBCSYSINI=$ODBCSYSINI" "ODBCINI=$ODBCINI")
+  env_cvml+=("${common[@]}"); env_php+=("${common[@]}")
   echo "== $name" >&2
-  run_once "$work/$name.cvml.out" "${env_list[@]}" -- "$cvml"; t_c=$T
+  run_once "$work/$name.cvml.out" "${env_cvml[@]}" -- "$cvml"; t_c=$T
   if [ $RC -eq 124 ]; then
     row "$name" "$(what_of "$name")" "> $limit s (time-out)" "" "" "" "≤ $(goal_of "$name"): not measured" 1
     status=1; return
   fi
-  run_once "$work/$name.php.out" "${env_list[@]}" -- "$php"; t_p=$T
+  run_once "$work/$name.php.out" "${env_php[@]}" -- "$php"; t_p=$T
   check_bodies "$name" "$work/$name.cvml.out" "$work/$name.php.out" || mismatch=" (bodies differ)"
   if [ -f "$here/$name.c" ]; then
     cc -O2 -o "$work/$name-c" "$here/$name.c" || { echo "cannot compile $name.c" >&2; exit 1; }
@@ -212,9 +215,14 @@ bench_pair() {
   runs=$(awk -v b="$budget" -v s="$slow" -v lo="$runs_min" -v hi="$runs_max" \
     'BEGIN { n = int(b / (s > 0 ? s : 0.001)); if (n < lo) n = lo; if (n > hi) n = hi; print n }')
   warm=$(( runs / 10 )); [ $warm -lt 1 ] && warm=1; [ $warm -gt "$warmup_max" ] && warm=$warmup_max
-  cmds=(--command-name cvml "$cvml" --command-name php "$php" "${extra[@]}")
-  env "${env_list[@]}" hyperfine -N --style basic --warmup "$warm" --runs "$runs" \
-    --export-csv "$work/$name.csv" "${cmds[@]}" >&2 || { echo "hyperfine failed on $name" >&2; status=1; return; }
+  # hyperfine gives every command one environment: one run for each side,
+  # back to back, with one table of results.
+  env "${env_cvml[@]}" hyperfine -N --style basic --warmup "$warm" --runs "$runs" \
+    --export-csv "$work/$name.cvml.csv" --command-name cvml "$cvml" "${extra[@]}" >&2 &&
+  env "${env_php[@]}" hyperfine -N --style basic --warmup "$warm" --runs "$runs" \
+    --export-csv "$work/$name.php.csv" --command-name php "$php" >&2 ||
+    { echo "hyperfine failed on $name" >&2; status=1; return; }
+  { cat "$work/$name.cvml.csv"; tail -n +2 "$work/$name.php.csv"; } > "$work/$name.csv"
   local mc sc cc mp sp cp r goal csv=$work/$name.csv
   mc=$(awk -F, '$1 == "cvml" { print $2 }' "$csv"); sc=$(awk -F, '$1 == "cvml" { print $3 }' "$csv")
   cc=$(awk -F, '$1 == "cvml" { print $5 + $6 }' "$csv")
@@ -250,16 +258,16 @@ best_of() {
 }
 
 bench_memory() {
-  local env_list t_c c_c rss_c t_p c_p rss_p mismatch="" r
+  local env_cvml env_php t_c c_c rss_c t_p c_p rss_p mismatch="" r
   cgi_env memory
   echo "== memory" >&2
-  best_of "$scale_runs" "$work/memory.cvml.out" "${env_list[@]}" -- "$cvml"
+  best_of "$scale_runs" "$work/memory.cvml.out" "${env_cvml[@]}" -- "$cvml"
   if [ $RC -eq 124 ]; then
     row memory "peak RSS, a 1,000,000-element list of numbers" "> $limit s (time-out)" "" "" "" "≤ 64 MiB: not measured" "$scale_runs"
     status=1; return
   fi
   t_c=$T; c_c=$CPU; rss_c=$RSS
-  best_of "$scale_runs" "$work/memory.php.out" "${env_list[@]}" -- "$php"
+  best_of "$scale_runs" "$work/memory.php.out" "${env_php[@]}" -- "$php"
   t_p=$T; c_p=$CPU; rss_p=$RSS
   check_bodies memory "$work/memory.cvml.out" "$work/memory.php.out" || mismatch=" (bodies differ)"
   r=$(ratio "$rss_c" "$rss_p")
@@ -300,7 +308,7 @@ bench_scale() {
       continue
     fi
     "make_${kind}_page" "$size" "$page" "$expect"
-    best_of "$scale_runs" "$work/$kind$size.out" "DOCUMENT_ROOT=$work/pages" "PATH_TRANSLATED=$page" -- "$cvml"
+    best_of "$scale_runs" "$work/$kind$size.out" "DOCUMENT_ROOT=$work/pages" "SCRIPT_FILENAME=$page" -- "$cvml"
     if [ $RC -eq 124 ]; then
       row "$kind $(grouped "$size")" "$what" "> $limit s (time-out)" "" "" "" "flat" "$scale_runs"
       over=$(grouped "$size")

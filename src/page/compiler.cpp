@@ -71,12 +71,12 @@ void resolve_while(Page& page) {
   }
 }
 
-// Text runs and bare references to names (tags without options that are
-// not built-in): a value whose processed text the compiled path can form
-// from the references' values.
+// Text runs and references to names (tags that are not built-in, with
+// literal options if any): a value whose processed text the compiled path
+// can form from the values the references select.
 bool references_only(const Page& page) {
   for (const PageNode& node : page.nodes)
-    if (node.is_tag && (node.option_count > 0 || node.tag != TAG_OTHER)) return false;
+    if (node.is_tag && (!node.literal || node.tag != TAG_OTHER)) return false;
   return true;
 }
 

@@ -59,8 +59,17 @@ struct NameLookup {
 // How an option's name or value becomes its processed text.
 enum OptionForm : uint8_t {
   FORM_LITERAL,    // no tag inside: the text is its own processed form
-  FORM_REFERENCES, // text and bare references to names ("<i> < 10"): see PageOption::refs
+  FORM_REFERENCES, // text and references to names, their options literal ("<i> < <l element=[3]>")
   FORM_GENERAL,    // anything else: processed as a page of its own
+};
+
+// A reference with options in a value of references, as a tag; `direct`
+// when the resolution takes it as it stands (its printed form would cut
+// back into the same tag).
+struct ReferenceTag {
+  ParsedTag tag;
+  bool made = false;
+  bool direct = false;
 };
 
 struct PageOption {
@@ -84,6 +93,10 @@ struct PageOption {
   // The literal value cut as a variable reference, made on first use.
   mutable std::unique_ptr<CutReference> reference;
   mutable bool reference_tried = false;
+  // In a value of references, each reference with options ("<l
+  // element=[3]>") as a tag, by its node in the value's page; made on first
+  // use.
+  mutable std::vector<ReferenceTag> reference_tags;
 };
 
 struct PageNode {

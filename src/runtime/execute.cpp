@@ -45,51 +45,86 @@ const TagHandler* find_page_name(Run& run, const Page& page, uint32_t name) {
   return entry;
 }
 
+namespace {
+
+// A reference with options in a value of references, as a tag, cut once.
+const ReferenceTag& reference_tag(const PageOption& option, const Page& value, uint32_t node) {
+  if (option.reference_tags.size() != value.size()) option.reference_tags.resize(value.size());
+  ReferenceTag& ref = option.reference_tags[node];
+  if (!ref.made) {
+    node_as_tag(value, node, ref.tag);
+    ref.direct = level4_direct(ref.tag);
+    ref.made = true;
+  }
+  return ref;
+}
+
+// The scalar that reference `node` of a value of references selects, found
+// without changing anything; null when the compiled path cannot take it.
+const Value* peek_reference(Run& run, const PageOption& option, const Page& value, uint32_t node,
+                            const TagHandler** entry_out) {
+  const PageNode& ref = value.nodes[node];
+  const TagHandler* entry = find_page_name(run, value, ref.span.at);
+  *entry_out = entry;
+  if (!entry || entry->kind != KIND_VARIABLE || !entry->variable) return nullptr;
+  if (ref.option_count == 0) return is_scalar(entry->variable->type) ? entry->variable.get() : nullptr;
+  const ReferenceTag& tag = reference_tag(option, value, node);
+  return tag.direct ? level4_peek(*entry, tag.tag) : nullptr;
+}
+
+// Then refers to it for real, as processing the value would: a variable
+// without options is touched, one with options resolved.
+Value* take_reference(Run& run, const PageOption& option, const Page& value, uint32_t node,
+                      const TagHandler* entry) {
+  const PageNode& ref = value.nodes[node];
+  if (ref.option_count == 0) return entry ? touch_variable(run, *entry, value.names[ref.span.at]) : nullptr;
+  return level4_resolve_tag(run, reference_tag(option, value, node).tag);
+}
+
+void set_ref(RefValue& ref, const Value& v) {
+  switch (v.type) {
+    case VT_NUMBER:
+      ref.kind = RefValue::NUMBER;
+      ref.number = v.number;
+      break;
+    case VT_INTEGER:
+      ref.kind = RefValue::INTEGER;
+      ref.integer = v.integer;
+      break;
+    case VT_STRING:
+      ref.kind = RefValue::TEXT;
+      ref.text = value_text(v);  // the range a reference selected
+      break;
+    default:
+      ref.kind = RefValue::TEXT;
+      ref.text.clear();
+      break;
+  }
+}
+
+}  // namespace
+
 bool take_references(Run& run, const Page& value, ParsedTag& tag, TagOption& option) {
+  const PageOption& source = *option.source;
   uint32_t first = static_cast<uint32_t>(tag.refs.size());
   uint32_t count = 0;
-  for (const PageNode& node : value.nodes) {
-    if (!node.is_tag) continue;
-    const TagHandler* entry = find_page_name(run, value, node.span.at);
-    if (!entry || entry->kind != KIND_VARIABLE || !entry->variable || !is_scalar(entry->variable->type)) {
-      tag.refs.resize(first);
-      return false;
-    }
+  for (uint32_t i = 0; i < value.size(); i++) {
+    if (!value.nodes[i].is_tag) continue;
+    const TagHandler* entry;
+    if (!peek_reference(run, source, value, i, &entry)) return false;
     count++;
   }
   // The references count as the tags they are; a harness's tag limit that
   // they would reach is met on the general path.
-  if (run.tag_limit && run.tags_processed + count > run.tag_limit) {
-    tag.refs.resize(first);
-    return false;
-  }
-  for (const PageNode& node : value.nodes) {
-    if (!node.is_tag) continue;
-    const TagHandler* entry = find_page_name(run, value, node.span.at);
-    Value* v = touch_variable(run, *entry, value.names[node.span.at]);
+  if (run.tag_limit && run.tags_processed + count > run.tag_limit) return false;
+  for (uint32_t i = 0; i < value.size(); i++) {
+    if (!value.nodes[i].is_tag) continue;
+    Value* v = take_reference(run, source, value, i, find_page_name(run, value, value.nodes[i].span.at));
     if (!v) {
       tag.refs.resize(first);
-      return false;
+      return false;  // not reached: the look-up succeeded above
     }
-    RefValue& ref = tag.refs.emplace_back();
-    switch (v->type) {
-      case VT_NUMBER:
-        ref.kind = RefValue::NUMBER;
-        ref.number = v->number;
-        break;
-      case VT_INTEGER:
-        ref.kind = RefValue::INTEGER;
-        ref.integer = v->integer;
-        break;
-      case VT_STRING:
-        ref.kind = RefValue::TEXT;
-        ref.text.assign(v->bytes);
-        break;
-      default:
-        ref.kind = RefValue::TEXT;
-        ref.text.clear();
-        break;
-    }
+    set_ref(tag.refs.emplace_back(), *v);
   }
   run.tags_processed += count;
   option.first_ref = first;
@@ -213,30 +248,28 @@ bool fast_options(Run& run, const Page& page, uint32_t node, FastArgs& args) {
     if (option.value_form == FORM_LITERAL) continue;
     const Page& value = option.value_page ? *option.value_page : option_value_page(page, option, n.line);
     if (option.value_form != FORM_REFERENCES) return false;
-    for (const PageNode& ref : value.nodes) {
-      if (!ref.is_tag) continue;
-      const TagHandler* entry = find_page_name(run, value, ref.span.at);
-      if (!entry || entry->kind != KIND_VARIABLE || !entry->variable || !is_scalar(entry->variable->type) ||
-          total == FastArgs::kMaxRefs)
-        return false;
-      entries[total++] = entry;
+    for (uint32_t i = 0; i < value.size(); i++) {
+      if (!value.nodes[i].is_tag) continue;
+      if (total == FastArgs::kMaxRefs || !peek_reference(run, option, value, i, &entries[total])) return false;
+      total++;
     }
   }
   args.ref_first[n.option_count] = total;
   if (run.tag_limit && run.tags_processed + total > run.tag_limit) return false;
   // Referring to the variables, as processing the values would.  Only a
-  // string's range can make that copy a shared table; the entries are then
-  // looked up again in the copy.
+  // string's range or a reference with options can make that copy a shared
+  // table; the entries are then looked up again in the copy.
   uint64_t version = run.names->version;
   uint32_t at = 0;
   for (uint32_t k = 0; k < n.option_count && at < total; k++) {
     const PageOption& option = page.options[n.first_option() + k];
     if (option.value_form == FORM_LITERAL) continue;
     const Page& value = *option.value_page;
-    for (const PageNode& ref : value.nodes) {
-      if (!ref.is_tag) continue;
-      const TagHandler* entry = run.names->version == version ? entries[at] : find_page_name(run, value, ref.span.at);
-      Value* v = entry ? touch_variable(run, *entry, value.names[ref.span.at]) : nullptr;
+    for (uint32_t i = 0; i < value.size(); i++) {
+      if (!value.nodes[i].is_tag) continue;
+      const TagHandler* entry =
+          run.names->version == version ? entries[at] : find_page_name(run, value, value.nodes[i].span.at);
+      Value* v = take_reference(run, option, value, i, entry);
       if (!v) return false;  // not reached: the look-up succeeded above
       args.refs[at++] = v;
     }
@@ -275,7 +308,24 @@ Value* fast_variable(Run& run, const FastArgs& args, int option) {
   if (o.value_form != FORM_LITERAL) return nullptr;
   std::string_view name = trimmed_front(page.text(o.value));
   if (o.bare_name == 0) o.bare_name = is_bare_variable_name(name) ? 2 : 1;
-  if (o.bare_name != 2) return nullptr;
+  if (o.bare_name != 2) {
+    // A literal reference with options ("l element=[3]"), cut once: taken
+    // here when its resolution cannot fail.
+    if (!o.reference_tried) {
+      o.reference_tried = true;
+      o.reference = cut_reference(page.text(o.value));
+    }
+    if (!o.reference) return nullptr;
+    const ParsedTag& tag = o.reference->tag;
+    const VarTable& table = *run.names;
+    if (o.variable.version != table.version) {
+      o.variable.version = table.version;
+      o.variable.entry = vartable_find(*run.names, tag.name);
+    }
+    const TagHandler* entry = static_cast<const TagHandler*>(o.variable.entry);
+    if (!entry || !level4_writable(*entry, tag)) return nullptr;
+    return level4_resolve_cut(run, *o.reference);
+  }
   VarTable& table = names_for_write(run);
   if (o.variable.version != table.version) {
     o.variable.version = table.version;
@@ -308,19 +358,6 @@ void fast_to_tag(const FastArgs& args, ParsedTag& tag) {
     done.first_ref = static_cast<uint32_t>(tag.refs.size());
     done.ref_count = args.ref_first[k + 1] - args.ref_first[k];
     done.pending = true;
-    for (uint32_t r = args.ref_first[k]; r < args.ref_first[k + 1]; r++) {
-      const Value* v = args.refs[r];
-      RefValue& ref = tag.refs.emplace_back();
-      if (v->type == VT_NUMBER) {
-        ref.kind = RefValue::NUMBER;
-        ref.number = v->number;
-      } else if (v->type == VT_INTEGER) {
-        ref.kind = RefValue::INTEGER;
-        ref.integer = v->integer;
-      } else {
-        ref.kind = RefValue::TEXT;
-        ref.text = v->type == VT_STRING ? v->bytes : std::string();
-      }
-    }
+    for (uint32_t r = args.ref_first[k]; r < args.ref_first[k + 1]; r++) set_ref(tag.refs.emplace_back(), *args.refs[r]);
   }
 }

@@ -53,6 +53,12 @@ void report_status(Run& run, std::string_view text) {
 ValuePtr evaluate_word(Run& run, std::string_view text) {
   size_t first = 0;
   while (first < text.size() && is_space(text[first])) first++;
+  std::string_view word = text.substr(first);
+  if (is_bare_reference(word)) {
+    // "<word>" would cut into a tag of that name without options.
+    const TagHandler* entry = vartable_find(names_for_read(run), word);
+    if (!entry || entry->kind != KIND_VARIABLE) return value_from_string(std::string(text));
+  }
   std::string tag_text;
   tag_text.reserve(text.size() - first + 2);
   tag_text.append("<").append(text.substr(first)).append(">");

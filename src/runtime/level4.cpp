@@ -6,14 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "runtime/run.h"
-#include "runtime/report.h"
 #include "runtime/expression.h"
 #include "runtime/level4_query.h"
-#include "runtime/run.h"
-#include "runtime/report.h"
 #include "runtime/option_number.h"
-#include "runtime/level4_query.h"
+#include "runtime/report.h"
+#include "runtime/run.h"
 #include "values/vartable.h"
 
 namespace {
@@ -338,6 +335,127 @@ Value* level4_resolve(Run& run, std::string_view text) {
   size_t word_end = text.find_first_of(std::string_view(" \r\n\t"));
   Reference ref{first, text.substr(0, word_end), std::string(text)};
   return resolve(run, ref);
+}
+
+namespace {
+
+// A position or index written as plain digits ("3", "12"), which evaluates
+// to itself; anything else is left to the evaluator.
+bool plain_digits(std::string_view text, int64_t* out) {
+  if (text.empty() || text.size() > 7) return false;
+  int64_t n = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    n = n * 10 + (c - '0');
+  }
+  *out = n;
+  return true;
+}
+
+// The element, hash and substring options of a reference, the first of
+// each name; false when it has any other option.
+struct Selectors {
+  const std::string* element = nullptr;
+  const std::string* hash = nullptr;
+  const std::string* start = nullptr;
+  const std::string* end = nullptr;
+};
+
+bool read_selectors(const ParsedTag& tag, Selectors* out) {
+  static constexpr uint16_t kElement = option_atom("element"), kHash = option_atom("hash"),
+                            kStart = option_atom("strstartpos"), kEnd = option_atom("strendpos");
+  for (const TagOption& option : tag.options) {
+    if (option.atom == kAtomUnknown) option.atom = option_atom(option.name);
+    const std::string*& slot = option.atom == kElement ? out->element
+                             : option.atom == kHash    ? out->hash
+                             : option.atom == kStart   ? out->start
+                             : option.atom == kEnd     ? out->end
+                                                       : out->element;
+    if (option.atom == 0 || (option.atom != kElement && option.atom != kHash && option.atom != kStart &&
+                             option.atom != kEnd))
+      return false;
+    if (!slot) slot = &option_text(tag, option);
+  }
+  return true;
+}
+
+// "[3]" or "[2][5]" in plain digits, each index in range; false otherwise.
+bool plain_indices(std::string_view text, uint32_t* indices, size_t* count, size_t most) {
+  *count = 0;
+  if (text.empty()) return false;
+  while (!text.empty()) {
+    size_t close = text.find(']');
+    int64_t index;
+    if (text[0] != '[' || close == std::string_view::npos || !plain_digits(text.substr(1, close - 1), &index) ||
+        index > kMaxIndex || *count == most)
+      return false;
+    indices[(*count)++] = static_cast<uint32_t>(index);
+    text.remove_prefix(close + 1);
+  }
+  return true;
+}
+
+bool is_plain_scalar(uint8_t type) {
+  return type == VT_EMPTY || type == VT_INTEGER || type == VT_NUMBER || type == VT_STRING;
+}
+
+}  // namespace
+
+bool level4_direct(const ParsedTag& tag) { return recuts_identically(tag); }
+
+const Value* level4_peek(const TagHandler& entry, const ParsedTag& tag) {
+  Selectors s;
+  if (entry.kind != KIND_VARIABLE || !entry.variable || !read_selectors(tag, &s)) return nullptr;
+  const Value* sel = entry.variable.get();
+  if (s.element) {
+    // Lists all the way, every element already there.
+    uint32_t indices[8];
+    size_t count;
+    if (!plain_indices(*s.element, indices, &count, std::size(indices))) return nullptr;
+    for (size_t k = 0; k < count; k++) {
+      if (sel->type != VT_LIST || indices[k] >= sel->list.size() || !sel->list[indices[k]]) return nullptr;
+      sel = sel->list[indices[k]].get();
+    }
+  }
+  if (s.hash) {
+    if (sel->type != VT_HASH) return nullptr;
+    sel = hash_find(const_cast<Value*>(sel), *s.hash);
+    if (!sel) return nullptr;
+  }
+  if (s.start || s.end) {
+    int64_t n;
+    int64_t most = static_cast<int64_t>(sel->bytes.size()) + kMaxIndex;
+    if (sel->type != VT_STRING || (s.start && (!plain_digits(*s.start, &n) || n > most)) ||
+        (s.end && (!plain_digits(*s.end, &n) || n > most)))
+      return nullptr;
+  }
+  return is_plain_scalar(sel->type) ? sel : nullptr;
+}
+
+bool level4_writable(const TagHandler& entry, const ParsedTag& tag) {
+  Selectors s;
+  if (entry.kind != KIND_VARIABLE || !entry.variable || !read_selectors(tag, &s) || s.start || s.end) return false;
+  const Value* sel = entry.variable.get();  // null once the selection reaches a value still to be made
+  if (s.element) {
+    uint32_t indices[8];
+    size_t count;
+    if (!plain_indices(*s.element, indices, &count, std::size(indices))) return false;
+    for (size_t k = 0; k < count && sel; k++) {
+      if (sel->type == VT_EMPTY) {
+        sel = nullptr;
+      } else if (sel->type != VT_LIST) {
+        return false;
+      } else {
+        sel = indices[k] < sel->list.size() ? sel->list[indices[k]].get() : nullptr;
+      }
+    }
+  }
+  if (s.hash && sel) {
+    if (sel->type == VT_EMPTY) sel = nullptr;
+    else if (sel->type != VT_HASH) return false;
+    else sel = hash_find(const_cast<Value*>(sel), *s.hash);
+  }
+  return !sel || is_plain_scalar(sel->type);
 }
 
 Value* level4_resolve_tag(Run& run, const ParsedTag& tag) {

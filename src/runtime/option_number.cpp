@@ -6,6 +6,7 @@
 
 #include "values/decimal.h"
 #include "runtime/expression.h"
+#include "runtime/run.h"
 
 bool is_option_number(const Value& v) { return v.type == VT_DECIMAL || v.type == VT_NUMBER; }
 
@@ -16,6 +17,15 @@ ValuePtr evaluate_number_option(Run& run, std::string_view text) {
 }
 
 bool evaluate_whole_option(Run& run, std::string_view text, int64_t* out) {
+  // Plain digits ("3", the usual index) evaluate to themselves.
+  if (!text.empty() && text.size() <= 15 &&
+      text.find_first_not_of("0123456789") == std::string_view::npos) {
+    int64_t n = 0;
+    for (char c : text) n = n * 10 + (c - '0');
+    *out = n;
+    run.eval_status = EVAL_OK;
+    return true;
+  }
   ValuePtr v = evaluate_number_option(run, text);
   return v && expr_value_as_integer(*v, out);
 }

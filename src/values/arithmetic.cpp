@@ -667,6 +667,13 @@ Decimal expr_eval_decimal(std::string_view text, uint8_t* status) {
 
 bool number_read_back_printed(double d, double* out) {
   if (!std::isfinite(d)) return false;
+  // A number with at most 15 binary digits after the point (an integer, a
+  // half, 0.125) prints exactly in 15 decimals and reads back as itself.
+  double scaled = d * 32768.0;
+  if (std::isfinite(scaled) && scaled == std::trunc(scaled)) {
+    *out = d;
+    return true;
+  }
   char buf[400];
   auto res = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::fixed, 15);
   if (res.ec != std::errc()) return false;
