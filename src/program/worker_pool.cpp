@@ -1,6 +1,7 @@
 // The FastCGI server's master process.
 #include "program/worker_pool.h"
 
+#include <cstdlib>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,7 +53,10 @@ void start_worker(Pool& pool) {
     pool.next_start_ms = now_ms() + kYoungDeathMs;
     return;
   }
-  if (pid == 0) pool.settings.work(pool.settings.context);
+  if (pid == 0) {
+    pool.settings.work(pool.settings.context);
+    std::_Exit(1);  // not reached: a worker ends the process itself
+  }
   pool.live[pid] = Worker{pool.generation, now_ms()};
 }
 

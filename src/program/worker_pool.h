@@ -16,7 +16,7 @@ struct PoolSettings {
   uint64_t drain_ms = 0;
   // Runs in each worker process; never returns.  SIGTERM and SIGINT are
   // blocked when it starts: the worker takes them when it is idle.
-  [[noreturn]] void (*work)(void* context) = nullptr;
+  void (*work)(void* context) = nullptr;
   void* context = nullptr;
 };
 
