@@ -144,8 +144,7 @@ Value* select_elements(Run& run, Reference& ref, Value* sel, const std::vector<u
 
 // "hashcase": absent or "insensitive..." gives 0, "sensitive..." gives 1,
 // anything else -1.
-int hashcase_mode(const ParsedTag& tag) {
-  const std::string* option = tag_option(tag, "hashcase");
+int hashcase_mode(const std::string* option) {
   if (!option) return 0;
   std::string word;
   for (char c : *option)
@@ -174,14 +173,14 @@ bool range_position(Run& run, const Value* sel, const std::string& text, std::st
 }
 
 
-Value* select_range(Run& run, Value* sel, const ParsedTag& tag) {
-  if (const std::string* start = tag_option(tag, "strstartpos")) {
+Value* select_range(Run& run, Value* sel, const std::string* start, const std::string* end) {
+  if (start) {
     if (sel->type != VT_STRING) convert_in_place(sel, value_to_string(*sel));
     if (!range_position(run, sel, *start, "strstartpos", &sel->start)) return nullptr;
   } else if (sel->type == VT_STRING) {
     sel->start = 0;
   }
-  if (const std::string* end = tag_option(tag, "strendpos")) {
+  if (end) {
     if (sel->type != VT_STRING) convert_in_place(sel, value_to_string(*sel));
     if (!range_position(run, sel, *end, "strendpos", &sel->end)) return nullptr;
     sel->end = std::max(sel->end, sel->start);
@@ -206,7 +205,7 @@ Value* select_collection_property(Run& run, Value* sel, const ParsedTag& tag) {
   // addresses the whole hash.
   if (const std::string* key = tag_option(tag, "hashpos")) {
     if (sel->type != VT_HASH) convert_in_place(sel, value_to_hash(*sel));
-    int mode = hashcase_mode(tag);
+    int mode = hashcase_mode(tag_option(tag, "hashcase"));
     if (mode < 0) return level4_fail(run, kBadHashcase);
     int position = level4_hash_position(*sel, find_key(sel, *key, mode));
     return keep_property(run, value_from_integer(position));
@@ -216,8 +215,42 @@ Value* select_collection_property(Run& run, Value* sel, const ParsedTag& tag) {
 
 // Steps after tokenizing, in their fixed order; each works on the value the
 // earlier ones selected.
+// The options the resolution itself reads, the first of each name, found
+// in one pass.
+struct ResolveOptions {
+  const std::string* element = nullptr;
+  const std::string* hash = nullptr;
+  const std::string* hashcase = nullptr;
+  const std::string* start = nullptr;
+  const std::string* end = nullptr;
+  const std::string* type = nullptr;
+  const std::string* getsize = nullptr;
+};
+
+ResolveOptions resolve_options(const ParsedTag& tag) {
+  static constexpr uint16_t kElement = option_atom("element"), kHash = option_atom("hash"),
+                            kHashcase = option_atom("hashcase"), kStart = option_atom("strstartpos"),
+                            kEnd = option_atom("strendpos"), kType = option_atom("type"),
+                            kGetsize = option_atom("getsize");
+  ResolveOptions o;
+  for (const TagOption& option : tag.options) {
+    if (option.atom == kAtomUnknown) option.atom = option_atom(option.name);
+    const std::string** slot = option.atom == kElement    ? &o.element
+                               : option.atom == kHash     ? &o.hash
+                               : option.atom == kHashcase ? &o.hashcase
+                               : option.atom == kStart    ? &o.start
+                               : option.atom == kEnd      ? &o.end
+                               : option.atom == kType     ? &o.type
+                               : option.atom == kGetsize  ? &o.getsize
+                                                          : nullptr;
+    if (slot && !*slot) *slot = &option_text(tag, option);
+  }
+  return o;
+}
+
 Value* resolve(Run& run, Reference& ref) {
   const ParsedTag& tag = ref.tag;
+  const ResolveOptions options = resolve_options(tag);
   VarTable& names = names_for_write(run);
   TagHandler* entry = vartable_find(names, tag.name);
   if (!entry) {
@@ -235,27 +268,27 @@ Value* resolve(Run& run, Reference& ref) {
     return fail_quoting(run, ref, "is not a Level 4 tag.\n");
   Value* sel = entry->variable.get();
 
-  if (const std::string* element = tag_option(tag, "element")) {
+  if (const std::string* element = options.element) {
     std::vector<uint32_t> indices;
     if (!parse_indices(run, ref, *element, &indices)) return nullptr;
     sel = select_elements(run, ref, sel, indices);
     if (!sel) return nullptr;
   }
 
-  if (const std::string* key = tag_option(tag, "hash")) {
+  if (const std::string* key = options.hash) {
     if (sel->type != VT_HASH) convert_in_place(sel, value_to_hash(*sel));
-    int mode = hashcase_mode(tag);
+    int mode = hashcase_mode(options.hashcase);
     if (mode < 0) return level4_fail(run, kBadHashcase);
     Value* found = find_key(sel, *key, mode);
     sel = found ? found : hash_add_key(sel, *key);
     if (!sel) return nullptr;
   }
 
-  if (!select_range(run, sel, tag)) return nullptr;
+  if (!select_range(run, sel, options.start, options.end)) return nullptr;
 
-  if (tag_option(tag, "type")) return keep_property(run, value_from_integer(sel->type));
+  if (options.type) return keep_property(run, value_from_integer(sel->type));
   if (sel->type == VT_STRING) {
-    if (tag_option(tag, "getsize"))
+    if (options.getsize)
       return keep_property(run, value_from_integer(static_cast<int32_t>(sel->bytes.size())));
     return sel;
   }

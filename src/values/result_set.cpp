@@ -120,13 +120,26 @@ std::vector<ResultCell> result_row_cells(const ResultSet& rs, uint32_t row) {
   if (row >= rs.rows || rs.columns.empty()) return cells;
   std::string_view group = rs.groups[row / kRowsPerGroup];
   size_t pos = 0;
+  uint32_t at = row - row % kRowsPerGroup;  // the row that starts at pos
+  if (rs.next_row / kRowsPerGroup == row / kRowsPerGroup && rs.next_row <= row && rs.next_row_at <= group.size()) {
+    at = rs.next_row;
+    pos = rs.next_row_at;
+  }
   ResultCell skipped;
-  size_t before = static_cast<size_t>(row % kRowsPerGroup) * rs.columns.size();
+  size_t before = static_cast<size_t>(row - at) * rs.columns.size();
   for (size_t i = 0; i < before; i++)
     if (!next_cell(group, pos, &skipped)) return cells;
   cells.resize(rs.columns.size());
+  bool whole = true;
   for (ResultCell& cell : cells)
-    if (!next_cell(group, pos, &cell)) cell = ResultCell{true, {}};
+    if (!next_cell(group, pos, &cell)) {
+      cell = ResultCell{true, {}};
+      whole = false;
+    }
+  if (whole) {
+    rs.next_row = row + 1;
+    rs.next_row_at = rs.next_row % kRowsPerGroup == 0 ? 0 : pos;  // a new group starts at its beginning
+  }
   return cells;
 }
 
@@ -215,6 +228,7 @@ ValuePtr result_row_hash(const ResultSet& rs, uint32_t row) {
   ValuePtr hash = value_new();
   value_set_type(*hash, VT_HASH);
   hash->columns = 2;
+  hash->rows.reserve(rs.columns.size());
   std::vector<ResultCell> cells = result_row_cells(rs, row);
   for (size_t c = 0; c < rs.columns.size(); c++) {
     Value* cell = hash_add_key(hash.get(), rs.columns[c].name);

@@ -51,6 +51,10 @@ struct ResultSet {
   std::vector<ResultColumn> columns;  // empty for a statement without result columns
   std::vector<std::string> groups;    // packed rows, kRowsPerGroup to a group
   uint32_t rows = 0;
+  // Where the row after the last one read starts in its group, so that
+  // reading the rows in order does not walk each group from its start.
+  mutable uint32_t next_row = 0;
+  mutable size_t next_row_at = 0;
 };
 
 // Appends one cell to a packed row being built.

@@ -115,7 +115,14 @@ TEST(ResultSetTest, PackedRowsReadBackAcrossGroups) {
   result_finish(rs);
   EXPECT_EQ(200u, result_row_count(rs));
   EXPECT_EQ(4u, rs.groups.size());
-  for (uint32_t i : {0u, 1u, 2u, 63u, 64u, 130u, 199u}) {
+  // Every row in order, then backwards, then scattered: a read starts
+  // where the one before ended only when that is on its way.
+  std::vector<uint32_t> order;
+  for (uint32_t i = 0; i < 200; i++) order.push_back(i);
+  for (uint32_t i = 200; i-- > 0;) order.push_back(i);
+  for (uint32_t i : {5u, 130u, 6u, 64u, 63u, 64u, 66u, 65u, 127u, 128u, 199u, 0u}) order.push_back(i);
+  for (uint32_t i : order) {
+    SCOPED_TRACE(i);
     std::vector<ResultCell> cells = result_row_cells(rs, i);
     ASSERT_EQ(2u, cells.size());
     EXPECT_EQ(std::to_string(i), cells[0].data);
