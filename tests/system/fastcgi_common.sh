@@ -9,10 +9,17 @@
 #   workers_of PID               the worker processes of a server
 #   fcgi ARGS...                 runs fastcgi_client.py
 #   request_env DIR PAGE         the parameters of a GET for DIR/PAGE
+#   sanitizer                    1 when cvml is a sanitizer build
 # and stops every server it started when the script exits (call
 # fastcgi_cleanup from the script's own EXIT trap).
 
 fastcgi_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+sanitizer=0
+grep -qs '^CVML_SANITIZE:BOOL=ON' "$(dirname "$cvml")/CMakeCache.txt" && sanitizer=1
+# The address sanitizer refuses an impossible allocation by ending the
+# process; a server's memory bounds expect the allocation to fail instead,
+# as it does in a normal build.
+[ $sanitizer = 1 ] && export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}allocator_may_return_null=1"
 fastcgi_servers=()
 failed=0
 pass() { echo "PASS: $1"; }
@@ -59,6 +66,18 @@ stop_server() {
   local pid_var="${1}_pid" i
   local pid=${!pid_var}
   kill -TERM "$pid" 2>/dev/null
+  for i in $(seq 1 100); do
+    kill -0 "$pid" 2>/dev/null || { wait "$pid" 2>/dev/null; return 0; }
+    sleep 0.1
+  done
+  return 1
+}
+
+# wait_server NAME: until the server ends by itself (10 s); a second SIGTERM
+# would end its workers at once.
+wait_server() {
+  local pid_var="${1}_pid" i
+  local pid=${!pid_var}
   for i in $(seq 1 100); do
     kill -0 "$pid" 2>/dev/null || { wait "$pid" 2>/dev/null; return 0; }
     sleep 0.1

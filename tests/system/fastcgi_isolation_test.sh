@@ -46,7 +46,7 @@ EOF
 start_server iso --workers 1 --reports page || exit 1
 wait_for_workers "$iso_pid" 1 || { fail "the server started no worker"; exit 1; }
 worker=$(workers_of "$iso_pid")
-python3 "$here/fastcgi_isolation.py" "127.0.0.1:$iso_port" "$site" "$worker" 10000 || failed=1
+python3 "$here/fastcgi_isolation.py" "127.0.0.1:$iso_port" "$site" "$worker" 10000 $sanitizer || failed=1
 [ "$(workers_of "$iso_pid")" = "$worker" ] && pass "one worker served every request" ||
   fail "the worker was replaced: $(workers_of "$iso_pid")"
 if grep -v 'serving FastCGI' "$work/iso.log" | grep -q .; then

@@ -27,6 +27,19 @@ sc_error_status=500
 # start_lighttpd NAME FASTCGI_BLOCK: lighttpd on a free port with the
 # snippet, its fastcgi.server block replaced; sets NAME_url.
 start_lighttpd() {
+  local name=$1 block=$2 port pid attempt
+  # A port free when chosen may be taken before lighttpd binds it (tests
+  # run in parallel): each failed start is shown, and another port tried.
+  for attempt in 1 2 3; do
+    start_lighttpd_once "$name" "$block" && return 0
+    echo "note: lighttpd ($name) did not start (attempt $attempt):"
+    cat "$work/$name-stdout.log" "$work/$name-error.log" 2>/dev/null
+  done
+  echo "FAIL: lighttpd ($name) did not start"
+  return 1
+}
+
+start_lighttpd_once() {
   local name=$1 block=$2 port pid
   port=$(free_port)
   python3 - "$here/../../packaging/lighttpd/10-cvml-fastcgi.conf" "$block" > "$work/$name-cvml.conf" <<'EOF'
@@ -46,7 +59,8 @@ CONF
   pid=$!
   lighttpd_pids+=("$pid")
   if ! wait_for_port "$port" "$pid"; then
-    echo "FAIL: lighttpd ($name) did not start:"; cat "$work/$name-stdout.log" "$work/$name-error.log" 2>/dev/null
+    kill "$pid" 2>/dev/null
+    wait "$pid" 2>/dev/null
     return 1
   fi
   printf -v "${name}_url" 'http://127.0.0.1:%s' "$port"

@@ -34,12 +34,15 @@ export CVML_UPLOAD_DIR=$work/site/uploads
 start_server one --workers 2 --reports page || exit 1
 start_server two --workers 2 --reports page || exit 1
 
-port=$(free_port)
 mkdir "$work/conf" "$work/run" "$work/logs"
 cp /etc/nginx/fastcgi_params /etc/nginx/mime.types "$work/conf/"
 sed -e "s#fastcgi_pass 127.0.0.1:9000;#fastcgi_pass cvml;#" \
   "$here/../../packaging/nginx/cvml-fastcgi.conf" > "$work/conf/cvml-fastcgi.conf"
 grep -q 'fastcgi_pass cvml;' "$work/conf/cvml-fastcgi.conf" || { echo "FAIL: the snippet has no fastcgi_pass"; exit 1; }
+# A port free when chosen may be taken before nginx binds it (tests run in
+# parallel): then another is tried.
+for attempt in 1 2 3 4 5; do
+port=$(free_port)
 cat > "$work/conf/nginx.conf" <<CONF
 daemon off;
 pid $work/nginx.pid;
@@ -68,10 +71,14 @@ http {
 CONF
 "$nginx" -p "$work" -c "$work/conf/nginx.conf" < /dev/null > "$work/logs/stdout.log" 2>&1 &
 nginx_pid=$!
-if ! wait_for_port "$port" "$nginx_pid"; then
+if wait_for_port "$port" "$nginx_pid"; then break; fi
+if [ $attempt = 5 ] || ! grep -q 'Address already in use' "$work/logs/stdout.log" "$work/logs/error.log" 2>/dev/null; then
   echo "FAIL: nginx did not start:"; cat "$work/logs/stdout.log" "$work/logs/error.log" 2>/dev/null
   exit 1
 fi
+wait "$nginx_pid" 2>/dev/null
+: > "$work/logs/error.log"
+done
 base=http://127.0.0.1:$port
 echo "nginx on 127.0.0.1:$port, cvml on ports $one_port and $two_port"
 server_checks "$base" "$work/site"

@@ -95,7 +95,7 @@ if port_open "$drain_port"; then fail "the port still takes connections after SI
 wait "$slow"
 [ "$(tail -n 1 "$work/slow.out")" = "before after" ] && pass "the request in progress at SIGTERM is answered in full" ||
   { fail "the slow request got:"; cat "$work/slow.out"; }
-stop_server drain && pass "the server ends once it has answered" || fail "the server did not end after SIGTERM"
+wait_server drain && pass "the server ends once it has answered" || fail "the server did not end after SIGTERM"
 [ -z "$(pgrep -P "$drain_pid")" ] || fail "workers outlived their server"
 
 # The socket as standard input, as a web server hands it over.
