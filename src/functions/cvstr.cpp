@@ -65,14 +65,14 @@ int compare_folded(std::string_view a, std::string_view b) {
 ValuePtr nothing() { return value_new(); }
 
 // The option's value, or null after reporting that it is required.
-const std::string* required(Run& run, const ParsedTag& tag, std::string_view option) {
+const std::string* required(Run& run, const ParsedTag& tag, OptionKey option) {
   const std::string* value = tag_option(tag, option);
-  if (!value) report_error(run, tag, option_required_message(kTag, option));
+  if (!value) report_error(run, tag, option_required_message(kTag, option.text));
   return value;
 }
 
 // The variable named by a required option, or null after reporting.
-Value* obtain(Run& run, const ParsedTag& tag, std::string_view option) {
+Value* obtain(Run& run, const ParsedTag& tag, OptionKey option) {
   const std::string* reference = required(run, tag, option);
   if (!reference) return nullptr;
   Value* v = level4_resolve(run, *reference);
@@ -82,11 +82,11 @@ Value* obtain(Run& run, const ParsedTag& tag, std::string_view option) {
 
 // A two-keyword option: 0 for the first (also when absent), 1 for the
 // second, -1 after reporting anything else.
-int choice(Run& run, const ParsedTag& tag, std::string_view option, std::string_view first, std::string_view second) {
+int choice(Run& run, const ParsedTag& tag, OptionKey option, std::string_view first, std::string_view second) {
   const std::string* value = tag_option(tag, option);
   if (!value || keyword_is(*value, first)) return 0;
   if (keyword_is(*value, second)) return 1;
-  report_error(run, tag, std::string(kTag) + " requires the '" + std::string(option) + "' option to be '" +
+  report_error(run, tag, std::string(kTag) + " requires the '" + std::string(option.text) + "' option to be '" +
                         std::string(first) + "' or '" + std::string(second) +
                         "'.  See the Corvane documentation for details.");
   return -1;

@@ -48,6 +48,17 @@ void report_status(Run& run, std::string_view text) {
   }
 }
 
+// What a bare word gives: the variable tag's value, a number of the other
+// mode's kind taking the number form (so a decimal read in floating-point
+// mode keeps only its integer part; integers and other kinds stay as they
+// are), or the text when the tag gave nothing.
+ValuePtr word_value(ValuePtr v, std::string_view text) {
+  if (!v) return value_from_string(std::string(text));
+  if ((v->type == VT_NUMBER && number_mode().decimal) || (v->type == VT_DECIMAL && !number_mode().decimal))
+    return value_to_number(*v);
+  return v;
+}
+
 // A bare word is read as a variable tag.  Only an existing variable counts:
 // a word that names none stays text, and nothing is created here.
 ValuePtr evaluate_word(Run& run, std::string_view text) {
@@ -55,9 +66,15 @@ ValuePtr evaluate_word(Run& run, std::string_view text) {
   while (first < text.size() && is_space(text[first])) first++;
   std::string_view word = text.substr(first);
   if (is_bare_reference(word)) {
-    // "<word>" would cut into a tag of that name without options.
+    // "<word>" would cut into a tag of that name without options: the tag
+    // is made directly.
     const TagHandler* entry = vartable_find(names_for_read(run), word);
     if (!entry || entry->kind != KIND_VARIABLE) return value_from_string(std::string(text));
+    ParsedTag tag;
+    tag.line = 1;
+    tag.is_tag = true;
+    tag.name.assign(word);
+    return word_value(call_variable_tag(run, tag), text);
   }
   std::string tag_text;
   tag_text.reserve(text.size() - first + 2);
@@ -66,15 +83,7 @@ ValuePtr evaluate_word(Run& run, std::string_view text) {
   if (page.size() == 1 && page.nodes[0].is_tag) {
     ParsedTag tag;
     node_as_tag(page, 0, tag);
-    ValuePtr v = call_variable_tag(run, tag);
-    if (v) {
-      // A number of the other mode's kind takes the number form, so a
-      // decimal read in floating-point mode keeps only its integer part.
-      // Integers and other kinds stay as they are.
-      if ((v->type == VT_NUMBER && number_mode().decimal) || (v->type == VT_DECIMAL && !number_mode().decimal))
-        return value_to_number(*v);
-      return v;
-    }
+    return word_value(call_variable_tag(run, tag), text);
   }
   return value_from_string(std::string(text));
 }
