@@ -249,8 +249,18 @@ bool fast_options(Run& run, const Page& page, uint32_t node, FastArgs& args) {
     const Page& value = option.value_page ? *option.value_page : option_value_page(page, option, n.line);
     if (option.value_form != FORM_REFERENCES) return false;
     for (uint32_t i = 0; i < value.size(); i++) {
-      if (!value.nodes[i].is_tag) continue;
-      if (total == FastArgs::kMaxRefs || !peek_reference(run, option, value, i, &entries[total])) return false;
+      const PageNode& ref = value.nodes[i];
+      if (!ref.is_tag) continue;
+      if (total == FastArgs::kMaxRefs) return false;
+      if (ref.option_count == 0) {
+        // The usual case, a variable without options, without a call.
+        const TagHandler* entry = find_page_name(run, value, ref.span.at);
+        if (!entry || entry->kind != KIND_VARIABLE || !entry->variable || !is_scalar(entry->variable->type))
+          return false;
+        entries[total++] = entry;
+        continue;
+      }
+      if (!peek_reference(run, option, value, i, &entries[total])) return false;
       total++;
     }
   }
@@ -266,10 +276,16 @@ bool fast_options(Run& run, const Page& page, uint32_t node, FastArgs& args) {
     if (option.value_form == FORM_LITERAL) continue;
     const Page& value = *option.value_page;
     for (uint32_t i = 0; i < value.size(); i++) {
-      if (!value.nodes[i].is_tag) continue;
+      const PageNode& ref = value.nodes[i];
+      if (!ref.is_tag) continue;
       const TagHandler* entry =
-          run.names->version == version ? entries[at] : find_page_name(run, value, value.nodes[i].span.at);
-      Value* v = take_reference(run, option, value, i, entry);
+          run.names->version == version ? entries[at] : find_page_name(run, value, ref.span.at);
+      Value* v;
+      if (ref.option_count == 0 && entry && entry->variable &&
+          (entry->variable->type == VT_NUMBER || entry->variable->type == VT_INTEGER))
+        v = entry->variable.get();  // a number has no range to reset
+      else
+        v = take_reference(run, option, value, i, entry);
       if (!v) return false;  // not reached: the look-up succeeded above
       args.refs[at++] = v;
     }
