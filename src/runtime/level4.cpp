@@ -385,30 +385,17 @@ bool plain_digits(std::string_view text, int64_t* out) {
   return true;
 }
 
-// The element, hash and substring options of a reference, the first of
-// each name; false when it has any other option.
-struct Selectors {
-  const std::string* element = nullptr;
-  const std::string* hash = nullptr;
-  const std::string* start = nullptr;
-  const std::string* end = nullptr;
-};
-
-bool read_selectors(const ParsedTag& tag, Selectors* out) {
-  static constexpr uint16_t kElement = option_atom("element"), kHash = option_atom("hash"),
-                            kStart = option_atom("strstartpos"), kEnd = option_atom("strendpos");
+// The element, hash and substring options of a reference, as the
+// resolution reads them; false when it has any other option.
+bool read_selectors(const ParsedTag& tag, ResolveOptions* out) {
+  static constexpr uint16_t kSelectors[] = {option_atom("element"), option_atom("hash"), option_atom("strstartpos"),
+                                            option_atom("strendpos")};
   for (const TagOption& option : tag.options) {
     if (option.atom == kAtomUnknown) option.atom = option_atom(option.name);
-    const std::string*& slot = option.atom == kElement ? out->element
-                             : option.atom == kHash    ? out->hash
-                             : option.atom == kStart   ? out->start
-                             : option.atom == kEnd     ? out->end
-                                                       : out->element;
-    if (option.atom == 0 || (option.atom != kElement && option.atom != kHash && option.atom != kStart &&
-                             option.atom != kEnd))
+    if (option.atom == 0 || std::find(std::begin(kSelectors), std::end(kSelectors), option.atom) == std::end(kSelectors))
       return false;
-    if (!slot) slot = &option_text(tag, option);
   }
+  *out = resolve_options(tag);
   return true;
 }
 
@@ -437,7 +424,7 @@ bool is_plain_scalar(uint8_t type) {
 bool level4_direct(const ParsedTag& tag) { return recuts_identically(tag); }
 
 const Value* level4_peek(const TagHandler& entry, const ParsedTag& tag) {
-  Selectors s;
+  ResolveOptions s;
   if (entry.kind != KIND_VARIABLE || !entry.variable || !read_selectors(tag, &s)) return nullptr;
   const Value* sel = entry.variable.get();
   if (s.element) {
@@ -466,7 +453,7 @@ const Value* level4_peek(const TagHandler& entry, const ParsedTag& tag) {
 }
 
 bool level4_writable(const TagHandler& entry, const ParsedTag& tag) {
-  Selectors s;
+  ResolveOptions s;
   if (entry.kind != KIND_VARIABLE || !entry.variable || !read_selectors(tag, &s) || s.start || s.end) return false;
   const Value* sel = entry.variable.get();  // null once the selection reaches a value still to be made
   if (s.element) {
