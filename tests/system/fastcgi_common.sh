@@ -29,10 +29,14 @@ fcgi() { python3 "$fastcgi_dir/fastcgi_client.py" "$@"; }
 
 port_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
+# The same choice as server_checks.sh's free_port: below the system's
+# range for outgoing connections.
 free_tcp_port() {
-  local port
+  local port low=32768 high
+  read -r low high < /proc/sys/net/ipv4/ip_local_port_range 2>/dev/null
+  [ "${low:-0}" -gt 12000 ] 2>/dev/null || low=32768
   while :; do
-    port=$(( 20000 + (RANDOM * 32768 + RANDOM) % 40000 ))
+    port=$(( 10000 + (RANDOM * 32768 + RANDOM) % (low - 10000) ))
     port_open "$port" || { echo "$port"; return; }
   done
 }

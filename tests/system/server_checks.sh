@@ -29,9 +29,13 @@ server_site() {
 }
 
 free_port() {
-  local port
+  local port low=32768 high
+  # Below the range the system hands out for outgoing connections, so a
+  # client of a test running beside this one cannot be holding it.
+  read -r low high < /proc/sys/net/ipv4/ip_local_port_range 2>/dev/null
+  [ "${low:-0}" -gt 12000 ] 2>/dev/null || low=32768
   while :; do
-    port=$(( 20000 + (RANDOM * 32768 + RANDOM) % 40000 ))
+    port=$(( 10000 + (RANDOM * 32768 + RANDOM) % (low - 10000) ))
     (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || { echo "$port"; return; }
   done
 }
